@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs every test: Linux, AddressSanitizer + UndefinedBehaviorSanitizer,
+# ThreadSanitizer, Windows under wine, and the fuzz targets for a bounded time each.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+
+jobs=$(nproc)
+passed=0
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+
+run_suite() {
+  local preset=$1
+  echo "== $preset: build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  echo "== $preset: test"
+  ctest --preset "$preset" -j "$jobs" | tee "$log"
+  local count
+  count=$(sed -n 's/.* tests passed, 0 tests failed out of \([0-9]*\).*/\1/p' "$log")
+  passed=$((passed + ${count:-0}))
+}
+
+run_suite linux
+run_suite asan
+run_suite tsan
+
+# Wine builds its prefix on first use; do it once, before tests run in parallel.
+export WINEDEBUG=-all
+timeout 300 /usr/lib/wine/wine64 wineboot --init >/dev/null 2>&1 || true
+run_suite windows
+
+echo "== fuzz: build"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "$jobs"
+fuzz_seconds=${TOVRA_FUZZ_SECONDS:-20}
+for target in frame_fuzz parameter_fuzz; do
+  corpus=$(mktemp -d)
+  cp fuzz/corpus/"${target%_fuzz}"/* "$corpus"/
+  echo "== fuzz: $target for ${fuzz_seconds}s"
+  if ! build/fuzz/bin/$target -max_total_time="$fuzz_seconds" -print_final_stats=0 \
+       -artifact_prefix="$corpus/" "$corpus" >"$corpus.log" 2>&1; then
+    tail -n 60 "$corpus.log"
+    echo "fuzz: $target failed"
+    exit 1
+  fi
+  grep -E '^#[0-9]+ +DONE' "$corpus.log" || tail -n 2 "$corpus.log"
+  rm -rf "$corpus" "$corpus.log"
+  passed=$((passed + 1))
+done
+
+echo "all suites: $passed passed, 0 failed"

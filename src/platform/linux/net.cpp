@@ -1,0 +1,327 @@
+// Sockets over the POSIX/Linux socket interface.
+#include "platform/net.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tovra::platform {
+
+static_assert(sizeof(sockaddr_storage) <= sizeof(SocketAddress::storage));
+static_assert(alignof(sockaddr_storage) <= alignof(SocketAddress));
+
+namespace {
+
+int fd(SocketHandle socket) {
+    return socket < 0 || socket > INT_MAX ? -1 : static_cast<int>(socket);
+}
+
+const sockaddr* asSockaddr(const SocketAddress& address) {
+    return reinterpret_cast<const sockaddr*>(address.storage);
+}
+
+sa_family_t familyOf(const SocketAddress& address) {
+    sa_family_t family;
+    std::memcpy(&family, address.storage + offsetof(sockaddr, sa_family), sizeof family);
+    return family;
+}
+
+int nativeFamily(AddressFamily family) {
+    switch (family) {
+        case AddressFamily::ipv4: return AF_INET;
+        case AddressFamily::ipv6: return AF_INET6;
+        default: return AF_UNSPEC;
+    }
+}
+
+bool setIntOption(SocketHandle socket, int level, int name, int value) {
+    return ::setsockopt(fd(socket), level, name, &value, sizeof value) == 0;
+}
+
+std::ptrdiff_t clampLength(std::size_t length) {
+    return length > static_cast<std::size_t>(PTRDIFF_MAX) ? PTRDIFF_MAX
+                                                          : static_cast<std::ptrdiff_t>(length);
+}
+
+}  // namespace
+
+bool ensureNetwork() { return true; }
+int startNetwork() { return 0; }
+void stopNetwork() {}
+
+int lastSocketError() { return errno; }
+bool isConnectionReset(int error) { return error == ECONNRESET; }
+bool isConnectionRefused(int error) { return error == ECONNREFUSED; }
+bool isConnectInProgress(int error) { return error == EINPROGRESS || error == EALREADY; }
+bool isWouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
+
+SocketHandle openSocket(AddressFamily family, SocketKind kind) {
+    const int native = nativeFamily(family);
+    if (native == AF_UNSPEC) {
+        errno = EAFNOSUPPORT;
+        return kInvalidSocket;
+    }
+    const int type = kind == SocketKind::stream ? SOCK_STREAM : SOCK_DGRAM;
+    const int s = ::socket(native, type | SOCK_CLOEXEC, 0);
+    return s < 0 ? kInvalidSocket : s;
+}
+
+int closeSocket(SocketHandle socket) {
+    if (fd(socket) < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    // Linux releases the descriptor even when close reports EINTR: never retry.
+    return ::close(fd(socket)) == 0 || errno == EINTR ? 0 : -1;
+}
+
+bool shutdownSocket(SocketHandle socket) { return ::shutdown(fd(socket), SHUT_RDWR) == 0; }
+
+bool setNonBlocking(SocketHandle socket, bool on) {
+    const int flags = ::fcntl(fd(socket), F_GETFL);
+    if (flags < 0) return false;
+    const int wanted = on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
+    return wanted == flags || ::fcntl(fd(socket), F_SETFL, wanted) == 0;
+}
+
+int connectSocket(SocketHandle socket, const SocketAddress& address) {
+    const auto length = static_cast<socklen_t>(addressLength(address));
+    if (::connect(fd(socket), asSockaddr(address), length) == 0) return 0;
+    int error = errno;
+    if (error == EINTR) {
+        // An interrupted blocking connect goes on in the background; finish it.
+        pollfd p{fd(socket), POLLOUT, 0};
+        while (::poll(&p, 1, -1) < 0 && errno == EINTR) {}
+        if (!socketError(socket, error)) error = errno;
+        if (error == 0) return 0;
+    }
+    return error != 0 ? error : -1;
+}
+
+bool bindSocket(SocketHandle socket, const SocketAddress& address) {
+    const auto length = static_cast<socklen_t>(addressLength(address));
+    return ::bind(fd(socket), asSockaddr(address), length) == 0;
+}
+
+bool listenSocket(SocketHandle socket, int backlog) { return ::listen(fd(socket), backlog) == 0; }
+
+SocketHandle acceptSocket(SocketHandle socket, SocketAddress* peer) {
+    sockaddr_storage storage{};
+    socklen_t length = sizeof storage;
+    int s;
+    do {
+        s = ::accept4(fd(socket), reinterpret_cast<sockaddr*>(&storage), &length, SOCK_CLOEXEC);
+    } while (s < 0 && errno == EINTR);
+    if (s < 0) return kInvalidSocket;
+    if (peer != nullptr) {
+        clearAddress(*peer);
+        std::memcpy(peer->storage, &storage, sizeof storage);
+    }
+    return s;
+}
+
+bool localAddress(SocketHandle socket, SocketAddress& address) {
+    sockaddr_storage storage{};
+    socklen_t length = sizeof storage;
+    if (::getsockname(fd(socket), reinterpret_cast<sockaddr*>(&storage), &length) != 0) return false;
+    clearAddress(address);
+    std::memcpy(address.storage, &storage, sizeof storage);
+    return true;
+}
+
+std::ptrdiff_t sendBytes(SocketHandle socket, const void* data, std::size_t length) {
+    ssize_t r;
+    do {
+        r = ::send(fd(socket), data, static_cast<std::size_t>(clampLength(length)), MSG_NOSIGNAL);
+    } while (r < 0 && errno == EINTR);
+    return r;
+}
+
+std::ptrdiff_t recvBytes(SocketHandle socket, void* buffer, std::size_t length) {
+    ssize_t r;
+    do {
+        r = ::recv(fd(socket), buffer, static_cast<std::size_t>(clampLength(length)), 0);
+    } while (r < 0 && errno == EINTR);
+    return r;
+}
+
+std::ptrdiff_t sendDatagram(SocketHandle socket, const void* data, std::size_t length,
+                            const SocketAddress& to) {
+    const auto toLength = static_cast<socklen_t>(addressLength(to));
+    ssize_t r;
+    do {
+        r = ::sendto(fd(socket), data, length, MSG_NOSIGNAL, asSockaddr(to), toLength);
+    } while (r < 0 && errno == EINTR);
+    return r;
+}
+
+long availableBytes(SocketHandle socket) {
+    int count = 0;
+    return ::ioctl(fd(socket), FIONREAD, &count) == 0 ? count : -1;
+}
+
+int waitSocket(SocketHandle socket, bool readable, bool writable, int timeoutMs) {
+    pollfd p{fd(socket), 0, 0};
+    if (readable) p.events |= POLLIN;
+    if (writable) p.events |= POLLOUT;
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
+    int remaining = timeoutMs < 0 ? -1 : timeoutMs;
+    for (;;) {
+        const int r = ::poll(&p, 1, remaining);
+        if (r > 0) break;
+        if (r == 0) return 0;
+        if (errno != EINTR) return -1;
+        if (timeoutMs >= 0) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+            remaining = left.count() > 0 ? static_cast<int>(left.count()) : 0;
+        }
+    }
+    if (p.revents & POLLNVAL) {
+        errno = EBADF;
+        return -1;
+    }
+    int result = 0;
+    if (p.revents & POLLIN) result |= kWaitReadable;
+    if (p.revents & POLLOUT) result |= kWaitWritable;
+    if (p.revents & (POLLERR | POLLHUP)) {
+        result |= kWaitError;
+        if (readable) result |= kWaitReadable;
+        if (writable) result |= kWaitWritable;
+    }
+    return result;
+}
+
+bool setLinger(SocketHandle socket, bool on, int seconds) {
+    linger value{on ? 1 : 0, seconds};
+    return ::setsockopt(fd(socket), SOL_SOCKET, SO_LINGER, &value, sizeof value) == 0;
+}
+
+bool setReuseAddress(SocketHandle socket, bool on) {
+    return setIntOption(socket, SOL_SOCKET, SO_REUSEADDR, on ? 1 : 0);
+}
+bool setNoDelay(SocketHandle socket, bool on) {
+    return setIntOption(socket, IPPROTO_TCP, TCP_NODELAY, on ? 1 : 0);
+}
+bool setKeepAlive(SocketHandle socket, bool on) {
+    return setIntOption(socket, SOL_SOCKET, SO_KEEPALIVE, on ? 1 : 0);
+}
+bool setKeepIdle(SocketHandle socket, int seconds) {
+    return setIntOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, seconds);
+}
+bool setKeepCount(SocketHandle socket, int count) {
+    return setIntOption(socket, IPPROTO_TCP, TCP_KEEPCNT, count);
+}
+bool setKeepInterval(SocketHandle socket, int seconds) {
+    return setIntOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, seconds);
+}
+
+bool socketError(SocketHandle socket, int& error) {
+    int value = 0;
+    socklen_t length = sizeof value;
+    if (::getsockopt(fd(socket), SOL_SOCKET, SO_ERROR, &value, &length) != 0) return false;
+    error = value;
+    return true;
+}
+
+void clearAddress(SocketAddress& address) { std::memset(address.storage, 0, sizeof address.storage); }
+
+AddressFamily addressFamily(const SocketAddress& address) {
+    switch (familyOf(address)) {
+        case AF_INET: return AddressFamily::ipv4;
+        case AF_INET6: return AddressFamily::ipv6;
+        default: return AddressFamily::none;
+    }
+}
+
+int addressPort(const SocketAddress& address) {
+    in_port_t port;
+    switch (familyOf(address)) {
+        case AF_INET: std::memcpy(&port, address.storage + offsetof(sockaddr_in, sin_port), sizeof port); break;
+        case AF_INET6: std::memcpy(&port, address.storage + offsetof(sockaddr_in6, sin6_port), sizeof port); break;
+        default: return -1;
+    }
+    return ntohs(port);
+}
+
+bool setAddressPort(SocketAddress& address, std::uint16_t port) {
+    const in_port_t net = htons(port);
+    switch (familyOf(address)) {
+        case AF_INET: std::memcpy(address.storage + offsetof(sockaddr_in, sin_port), &net, sizeof net); return true;
+        case AF_INET6: std::memcpy(address.storage + offsetof(sockaddr_in6, sin6_port), &net, sizeof net); return true;
+        default: return false;
+    }
+}
+
+int addressLength(const SocketAddress& address) {
+    switch (familyOf(address)) {
+        case AF_INET: return sizeof(sockaddr_in);
+        case AF_INET6: return sizeof(sockaddr_in6);
+        default: return 0;
+    }
+}
+
+std::string addressText(const SocketAddress& address) {
+    char text[128] = {};
+    const void* raw = nullptr;
+    const int family = familyOf(address);
+    if (family == AF_INET) raw = address.storage + offsetof(sockaddr_in, sin_addr);
+    else if (family == AF_INET6) raw = address.storage + offsetof(sockaddr_in6, sin6_addr);
+    if (raw == nullptr || ::inet_ntop(family, raw, text, sizeof text - 1) == nullptr) return {};
+    return text;
+}
+
+bool parseNumericAddress(const char* text, std::uint16_t port, SocketAddress& address) {
+    if (text == nullptr) return false;
+    sockaddr_in v4{};
+    if (::inet_pton(AF_INET, text, &v4.sin_addr) == 1) {
+        v4.sin_family = AF_INET;
+        v4.sin_port = htons(port);
+        clearAddress(address);
+        std::memcpy(address.storage, &v4, sizeof v4);
+        return true;
+    }
+    sockaddr_in6 v6{};
+    if (::inet_pton(AF_INET6, text, &v6.sin6_addr) == 1) {
+        v6.sin6_family = AF_INET6;
+        v6.sin6_port = htons(port);
+        clearAddress(address);
+        std::memcpy(address.storage, &v6, sizeof v6);
+        return true;
+    }
+    return false;
+}
+
+bool resolveHostAddress(const char* name, std::uint16_t port, SocketAddress& address,
+                        AddressFamily family) {
+    if (name == nullptr || *name == '\0') return false;
+    addrinfo hints{};
+    hints.ai_family = nativeFamily(family);
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* list = nullptr;
+    if (::getaddrinfo(name, nullptr, &hints, &list) != 0) return false;
+    bool found = false;
+    for (const addrinfo* a = list; a != nullptr && !found; a = a->ai_next) {
+        const bool usable = (a->ai_family == AF_INET && a->ai_addrlen >= sizeof(sockaddr_in)) ||
+                            (a->ai_family == AF_INET6 && a->ai_addrlen >= sizeof(sockaddr_in6));
+        if (!usable || a->ai_addrlen > sizeof address.storage) continue;
+        clearAddress(address);
+        std::memcpy(address.storage, a->ai_addr, a->ai_addrlen);
+        setAddressPort(address, port);
+        found = true;
+    }
+    ::freeaddrinfo(list);
+    return found;
+}
+
+}  // namespace tovra::platform

@@ -1,0 +1,11 @@
+// Facts about the operating system the library runs on.
+#pragma once
+
+namespace tovra::platform {
+
+// The separator between directory names in a path: '/' or '\\'.
+char pathSeparator();
+// "Linux" or "Windows".
+const char* osName();
+
+}  // namespace tovra::platform
