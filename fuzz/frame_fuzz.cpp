@@ -11,16 +11,17 @@ using tovra::ProtocolFrame;
 
 namespace {
 
+volatile std::size_t observed = 0;
+
 void touchEverything(const ProtocolFrame& frame)
 {
-    volatile std::size_t sink = 0;
-    sink += frame.declaredLength() + frame.headerSize() + frame.busAddress() + frame.commandCode() +
+    std::size_t sink = frame.declaredLength() + frame.headerSize() + frame.busAddress() + frame.commandCode() +
             frame.status() + frame.directionFlags() + frame.storedCrc() + frame.payload().size() +
             frame.generationLabel().size() + frame.directionLabel().size();
     sink += tovra::frameDumpHeader(1, "SingleCh", frame, true).size();
     sink += tovra::frameDumpBody(tovra::DumpDirection::Receive, frame, true).size();
     sink += tovra::frameDumpBody(tovra::DumpDirection::Send, frame, false).size();
-    (void)sink;
+    observed = sink;
 }
 
 } // namespace
@@ -42,12 +43,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
 
-    // As raw bytes whose first two bytes claim a length, which may disagree with the buffer.
+    // As raw bytes after a length count that may disagree with them, now and then
+    // beyond the buffer.
     if (size >= 2) {
         frame->clear();
         const std::size_t copied = std::min(size - 2, ProtocolFrame::maxLength);
         std::memcpy(frame->bytes.data(), data + 2, copied);
-        frame->length = (std::uint64_t{data[0]} << 8 | data[1]) * 3;
+        const std::uint64_t claimed = std::uint64_t{data[0]} << 8 | data[1];
+        frame->length = data[0] == 0xFF ? claimed << 2 : claimed % (copied + 16);
         tovra::isValidFrame(*frame);
         touchEverything(*frame);
     }

@@ -42,6 +42,8 @@ bool isConnectionRefused(int error);
 bool isConnectInProgress(int error);
 // A non-blocking send or receive that would have to wait.
 bool isWouldBlock(int error);
+// The socket option is unknown to this system's network stack.
+bool isOptionUnsupported(int error);
 
 // --- Sockets --------------------------------------------------------------
 // kInvalidSocket on failure (also for family none).
@@ -90,6 +92,11 @@ bool setLinger(SocketHandle socket, bool on, int seconds);
 bool setReuseAddress(SocketHandle socket, bool on);
 bool setNoDelay(SocketHandle socket, bool on);
 bool setKeepAlive(SocketHandle socket, bool on);
+// Keep-alive tuning (TCP_KEEPIDLE, TCP_KEEPCNT, TCP_KEEPINTVL). Windows stacks
+// older than Windows 10 1709 lack these options: there setKeepIdle falls back
+// to SIO_KEEPALIVE_VALS (which also turns keep-alive on and sets the probe
+// interval to 1 s), and setKeepCount / setKeepInterval fail with an error for
+// which isOptionUnsupported() is true.
 bool setKeepIdle(SocketHandle socket, int seconds);
 bool setKeepCount(SocketHandle socket, int count);
 bool setKeepInterval(SocketHandle socket, int seconds);

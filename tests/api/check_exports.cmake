@@ -1,5 +1,6 @@
 # Compares the export table of the built library with the public API list, and checks
 # that the DLL imports system DLLs only.
+cmake_policy(VERSION 3.25)
 # Inputs: LIBRARY, EXPECTED, WINDOWS, NM, OBJDUMP, CXXFILT.
 
 function(fail message)

@@ -47,9 +47,5 @@ TEST(DynamicLibrary, AFailedLoadLeavesItsReasonForThatThread) {
     unloadLibrary(library);
 }
 
-TEST(DynamicLibrary, FileNamesFollowThePlatform) {
-    EXPECT_EQ(libraryFileName("zkcom"), isWindows() ? "zkcom.dll" : "libzkcom.so");
-}
-
 }  // namespace
 }  // namespace tovra::platform

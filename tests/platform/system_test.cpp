@@ -64,8 +64,8 @@ TEST(Environment, AbsentEmptyAndSetAreDistinct) {
     ASSERT_TRUE(unsetEnv(name));
     EXPECT_FALSE(getEnv(name).has_value());
 
-    ASSERT_TRUE(setEnv(name, "olma.conf"));
-    EXPECT_EQ(getEnv(name), "olma.conf");
+    ASSERT_TRUE(setEnv(name, "some value"));
+    EXPECT_EQ(getEnv(name), "some value");
     ASSERT_TRUE(setEnv(name, ""));
     ASSERT_TRUE(getEnv(name).has_value());
     EXPECT_EQ(*getEnv(name), "");
@@ -77,12 +77,6 @@ TEST(Environment, AbsentEmptyAndSetAreDistinct) {
     EXPECT_FALSE(getEnv(name).has_value());
     EXPECT_TRUE(unsetEnv(name));
     EXPECT_FALSE(getEnv(nullptr).has_value());
-}
-
-TEST(System, SeparatorMatchesTheSystem) {
-    const std::string os = osName();
-    ASSERT_TRUE(os == "Linux" || os == "Windows") << os;
-    EXPECT_EQ(pathSeparator(), os == "Windows" ? '\\' : '/');
 }
 
 TEST(File, AppendsCreateAndExtendTheFile) {

@@ -64,6 +64,7 @@ bool isConnectionReset(int error) { return error == ECONNRESET; }
 bool isConnectionRefused(int error) { return error == ECONNREFUSED; }
 bool isConnectInProgress(int error) { return error == EINPROGRESS || error == EALREADY; }
 bool isWouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
+bool isOptionUnsupported(int error) { return error == ENOPROTOOPT; }
 
 SocketHandle openSocket(AddressFamily family, SocketKind kind) {
     const int native = nativeFamily(family);

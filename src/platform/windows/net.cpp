@@ -85,6 +85,7 @@ bool isConnectionReset(int error) { return error == WSAECONNRESET; }
 bool isConnectionRefused(int error) { return error == WSAECONNREFUSED; }
 bool isConnectInProgress(int error) { return error == WSAEWOULDBLOCK || error == WSAEALREADY; }
 bool isWouldBlock(int error) { return error == WSAEWOULDBLOCK; }
+bool isOptionUnsupported(int error) { return error == WSAENOPROTOOPT; }
 
 SocketHandle openSocket(AddressFamily family, SocketKind kind) {
     if (!ensureNetwork()) return kInvalidSocket;
@@ -214,7 +215,17 @@ bool setKeepAlive(SocketHandle socket, bool on) {
     return setIntOption(socket, SOL_SOCKET, SO_KEEPALIVE, on ? 1 : 0);
 }
 bool setKeepIdle(SocketHandle socket, int seconds) {
-    return setIntOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, seconds);
+    if (setIntOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, seconds)) return true;
+    if (::WSAGetLastError() != WSAENOPROTOOPT) return false;
+    // Older stacks only take idle time and interval together, in milliseconds.
+    if (seconds < 0 || seconds > static_cast<int>(ULONG_MAX / 1000)) {
+        ::WSASetLastError(WSAEINVAL);
+        return false;
+    }
+    tcp_keepalive values{1, static_cast<ULONG>(seconds) * 1000, 1000};
+    DWORD returned = 0;
+    return ::WSAIoctl(sock(socket), SIO_KEEPALIVE_VALS, &values, sizeof values, nullptr, 0, &returned,
+                      nullptr, nullptr) == 0;
 }
 bool setKeepCount(SocketHandle socket, int count) {
     return setIntOption(socket, IPPROTO_TCP, TCP_KEEPCNT, count);
