@@ -10,10 +10,13 @@ namespace {
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
-void appendHex(std::string& text, std::uint8_t byte)
+// Writes a separator and two characters (hex digits or "##"); the dumps size their text up front.
+char* putByte(char* out, char separator, std::uint8_t byte, bool masked)
 {
-    text += kHexDigits[byte >> 4];
-    text += kHexDigits[byte & 0x0F];
+    out[0] = separator;
+    out[1] = masked ? '#' : kHexDigits[byte >> 4];
+    out[2] = masked ? '#' : kHexDigits[byte & 0x0F];
+    return out + 3;
 }
 
 // Payload positions [from, payload length) hidden in dumps: keys, passwords and the like.
@@ -55,12 +58,11 @@ std::string frameToHex(const ProtocolFrame& frame)
     const std::size_t maskedFrom = mask ? header + *mask : length;
     const std::size_t maskedTo = header + payload.size();
 
-    std::string text;
-    text.reserve(length * 3);
+    std::string text(length * 3, ' ');
+    char* out = text.data();
     for (std::size_t i = 0; i < length; ++i) {
-        text += (i == header || i + 2 == length) ? '|' : ' ';
-        if (i >= maskedFrom && i < maskedTo) text += "##";
-        else appendHex(text, frame.bytes[i]);
+        const char separator = (i == header || i + 2 == length) ? '|' : ' ';
+        out = putByte(out, separator, frame.bytes[i], i >= maskedFrom && i < maskedTo);
     }
     return text;
 }
@@ -70,13 +72,12 @@ std::string payloadToHex(const ProtocolFrame& frame)
     const auto payload = frame.payload();
     const auto mask = maskStart(frame);
 
-    std::string text;
-    text.reserve(payload.size() * 3);
+    std::string text(payload.size() * 3, ' ');
+    char* out = text.data();
     for (std::size_t i = 0; i < payload.size(); ++i) {
-        text += ' ';
-        if (!mask) appendHex(text, payload[i]);
-        else if (i >= *mask) text += "##";
-        else appendHex(text, frame.bytes[i]); // masked dumps take the leading bytes from the frame start
+        if (!mask) out = putByte(out, ' ', payload[i], false);
+        // Masked dumps take the leading bytes from the frame start, not from the payload.
+        else out = putByte(out, ' ', frame.bytes[i], i >= *mask);
     }
     return text;
 }
