@@ -1,6 +1,7 @@
 #include "protocol/frame_dump.h"
 
 #include "api/error_texts.h"
+#include "logging/tovra_logger.h"
 
 #include <cctype>
 #include <optional>
@@ -127,6 +128,14 @@ std::string frameDumpBody(DumpDirection direction, const ProtocolFrame& frame, b
         body += readerStatusText(frame.status());
     }
     return body;
+}
+
+void logFrameDump(TovraLogger& logger, std::int32_t readerHandle, std::string_view readerLabel,
+                  const ProtocolFrame& frame, DumpDirection direction)
+{
+    const bool full = logger.isProtocolOn();
+    if (!full && !logger.isPayloadOn()) return;
+    logger.dump(frameDumpHeader(readerHandle, readerLabel, frame, full), frameDumpBody(direction, frame, full));
 }
 
 } // namespace tovra

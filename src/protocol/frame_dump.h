@@ -26,4 +26,10 @@ std::string frameDumpHeader(std::int32_t readerHandle, std::string_view readerLa
                             const ProtocolFrame& frame, bool full);
 std::string frameDumpBody(DumpDirection direction, const ProtocolFrame& frame, bool full);
 
+class TovraLogger;
+
+// Writes the frame's dump record when protocol or payload logging is on (protocol wins).
+void logFrameDump(TovraLogger& logger, std::int32_t readerHandle, std::string_view readerLabel,
+                  const ProtocolFrame& frame, DumpDirection direction);
+
 } // namespace tovra
