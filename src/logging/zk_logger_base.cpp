@@ -63,18 +63,25 @@ void ZkLoggerBase::updateFlags(std::uint32_t set, std::uint32_t clear)
     }
 }
 
+std::string relativeStampText(std::int64_t elapsedMicros)
+{
+    const auto micros = static_cast<std::uint64_t>(elapsedMicros < 0 ? 0 : elapsedMicros);
+    char text[48];
+    std::snprintf(text, sizeof text, "%04" PRIu64 ".%06" PRIu64, micros / 1000000, micros % 1000000);
+    return text;
+}
+
+std::string absoluteStampText(std::int64_t wallMicros)
+{
+    char fraction[16];
+    std::snprintf(fraction, sizeof fraction, ".%06u", static_cast<unsigned>(wallMicros % 1000000));
+    return platform::formatLocalTime(wallMicros, "%Y.%m.%d-%H.%M.%S") + fraction;
+}
+
 std::string ZkLoggerBase::timeStampText() const
 {
-    char text[64];
-    if (relativeTime_) {
-        const std::int64_t elapsed = platform::monotonicMicros() - libraryStart().monotonicMicros;
-        const auto micros = static_cast<std::uint64_t>(elapsed < 0 ? 0 : elapsed);
-        std::snprintf(text, sizeof text, "%04" PRIu64 ".%06" PRIu64, micros / 1000000, micros % 1000000);
-        return text;
-    }
-    const std::int64_t now = platform::wallClockMicros();
-    std::snprintf(text, sizeof text, ".%06u", static_cast<unsigned>(now % 1000000));
-    return platform::formatLocalTime(now, "%Y.%m.%d-%H.%M.%S") + text;
+    if (relativeTime_) return relativeStampText(platform::monotonicMicros() - libraryStart().monotonicMicros);
+    return absoluteStampText(platform::wallClockMicros());
 }
 
 void ZkLoggerBase::write(const std::string& timeStamp, std::string_view header, std::string_view body)

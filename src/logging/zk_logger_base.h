@@ -11,6 +11,11 @@
 
 namespace tovra {
 
+// "%04u.%06u": seconds and microseconds since the library was loaded.
+std::string relativeStampText(std::int64_t elapsedMicros);
+// Local time "%Y.%m.%d-%H.%M.%S" and ".%06u" microseconds.
+std::string absoluteStampText(std::int64_t wallMicros);
+
 // Turns records into lines and sends them to the outputs of the "OUTPUTTER" section:
 // console, shared or per-reader file, UDP and the global callback.
 class ZkLoggerBase {

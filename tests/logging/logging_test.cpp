@@ -87,6 +87,16 @@ private:
     int port_ = 0;
 };
 
+TEST(StampFormat, RelativeAndAbsoluteTimeStamps)
+{
+    EXPECT_EQ(relativeStampText(62'500'000), "0062.500000");
+    EXPECT_EQ(relativeStampText(12345'000'001), "12345.000001");
+    EXPECT_EQ(relativeStampText(-5), "0000.000000");
+    const std::string stamp = absoluteStampText(1'700'000'000'000'042);
+    EXPECT_TRUE(std::regex_match(stamp, std::regex(kAbsoluteStamp))) << stamp;
+    EXPECT_EQ(stamp.substr(stamp.size() - 7), ".000042");
+}
+
 TEST(PerReaderFiles, EachReaderWritesItsOwnFileInAQuotedPathWithBlanks)
 {
     TempDir dir("tovra-log");
