@@ -3,8 +3,6 @@
 
 #include "platform/windows/win.h"
 
-#include <vector>
-
 namespace tovra::platform {
 
 namespace {
@@ -43,17 +41,6 @@ bool localTime(std::int64_t wallMicros, std::tm& out) {
     if (wallMicros % 1000000 < 0) --seconds;
     const auto t = static_cast<__time64_t>(seconds);
     return ::_localtime64_s(&out, &t) == 0;
-}
-
-std::string formatLocalTime(std::int64_t wallMicros, const char* format) {
-    std::tm parts{};
-    if (format == nullptr || *format == '\0' || !localTime(wallMicros, parts)) return {};
-    for (std::size_t size = 128; size <= 8192; size *= 4) {
-        std::vector<char> buffer(size);
-        const std::size_t length = std::strftime(buffer.data(), size, format, &parts);
-        if (length > 0) return std::string(buffer.data(), length);
-    }
-    return {};
 }
 
 }  // namespace tovra::platform
