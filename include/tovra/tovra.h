@@ -1,7 +1,10 @@
 #ifndef TOVRA_TOVRA_H
 #define TOVRA_TOVRA_H
 
-/* The flat C interface of the tovra reader communication library. */
+/* The flat C interface of the tovra reader communication library.
+   Results: 0 or a positive value (handle, count, length) on success, a negative error code
+   on failure; TOVRA_GetLastErrorText explains the last one. Texts returned are owned by
+   the library and stay valid until the next call that changes them for the same reader. */
 
 #include <stdint.h>
 
@@ -11,18 +14,58 @@
 extern "C" {
 #endif
 
-/* Receives every log line of the library, with the context given at registration. */
-typedef void (TOVRA_CALL *TOVRA_LoggingCallback)(void* context, const char* line);
-/* Receives the dump and application log lines of one reader. */
-typedef void (TOVRA_CALL *TOVRA_AppLoggingCallback)(int32_t readerHandle, void* userContext, const char* line);
+typedef void    (TOVRA_CALL *TOVRA_ReaderConnectedCallback)(int32_t readerHandle, void* userContext, const char* connectionText);
+typedef void    (TOVRA_CALL *TOVRA_ReaderDisconnectedCallback)(int32_t readerHandle, void* userContext);
+/* Return 0 with *response and *responseLength set (at most the preset 32760 bytes) to answer. */
+typedef int32_t (TOVRA_CALL *TOVRA_ReaderRequestCallback)(int32_t readerHandle, void* userContext,
+                    const uint8_t* request, uint64_t requestLength, uint8_t** response, uint64_t* responseLength);
+typedef void    (TOVRA_CALL *TOVRA_DetectSerialCallback)(int32_t readerHandle, void* userContext, const char* candidate);
+typedef void    (TOVRA_CALL *TOVRA_AppLoggingCallback)(int32_t readerHandle, void* userContext, const char* line);
+typedef void    (TOVRA_CALL *TOVRA_LoggingCallback)(void* context, const char* line);
+typedef void    (TOVRA_CALL *TOVRA_DiscoveryCallback)(void* userContext, int32_t event, const char* scanInfo);
 
+/* Reader objects: module kind 2 is a one-port module, any other a two-port module. */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_Create(int32_t moduleKind, const char* connector);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_Delete(int32_t readerHandle);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_Terminate(int32_t readerHandle);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_NextReaderHandle(int32_t first);
+TOVRA_API const char* TOVRA_CALL TOVRA_GetConnector(int32_t readerHandle);
+TOVRA_API const char* TOVRA_CALL TOVRA_GetConnectionState(int32_t readerHandle);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_GetLowLevelPortHandle(int32_t readerHandle);
 /* The library version text, "1.0.2". */
 TOVRA_API const char* TOVRA_CALL TOVRA_GetVersion(void);
 
-/* Logging configuration text and process-wide log callback. Both take effect only when
-   called before the first reader object is created; a null text clears the pending text. */
-TOVRA_API void TOVRA_CALL TOVRA_SetLoggingParameter(const char* parameterText);
-TOVRA_API void TOVRA_CALL TOVRA_SetLoggingCallback(void* context, TOVRA_LoggingCallback callback);
+/* Connections and data exchange. */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_ConnectByHost(int32_t readerHandle, const char* connection);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_DisconnectByHost(int32_t readerHandle);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_DetectSerial(int32_t readerHandle, const char* detection);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_StartListener(int32_t readerHandle, const char* listener);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_StopListener(int32_t readerHandle);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_Transceive(int32_t readerHandle, const uint8_t* request, uint64_t requestLength,
+                                                  uint8_t* response, uint64_t* responseLength);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_SetReceiveTimeout(int32_t readerHandle, uint32_t milliseconds);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_GetReceiveTimeout(int32_t readerHandle);
+
+/* Callbacks; a null callback switches the notification off. */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_SetReaderConnectedCallbacks(int32_t readerHandle, void* userContext,
+                          TOVRA_ReaderConnectedCallback connected, TOVRA_ReaderDisconnectedCallback disconnected);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_SetReaderRequestCallback(int32_t readerHandle, void* userContext,
+                                                                TOVRA_ReaderRequestCallback callback);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_SetDetectSerialCallback(int32_t readerHandle, void* userContext,
+                                                               TOVRA_DetectSerialCallback callback);
+
+/* Last error of a reader, or of a discovery manager (-1 USB, -2 BLE, -3 serial, -4 UDP). */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_GetLastError(int32_t handle);
+TOVRA_API const char* TOVRA_CALL TOVRA_GetLastErrorText(int32_t handle);
+
+/* Logging. The last two take effect only before the first reader object is created. */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_SetAppLoggingCallback(int32_t readerHandle, void* userContext,
+                                                             TOVRA_AppLoggingCallback callback);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_SetAppLoggingFilename(int32_t readerHandle, const char* fileName);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_SetAppLoggingUdpDestination(int32_t readerHandle, const char* address, uint32_t port);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_AppendLogMessage(int32_t readerHandle, const char* message);
+TOVRA_API void        TOVRA_CALL TOVRA_SetLoggingParameter(const char* parameterText);
+TOVRA_API void        TOVRA_CALL TOVRA_SetLoggingCallback(void* context, TOVRA_LoggingCallback callback);
 
 #ifdef __cplusplus
 }

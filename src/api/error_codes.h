@@ -19,6 +19,8 @@ inline constexpr std::int32_t NullPointer = -5010;
 inline constexpr std::int32_t Terminated = -5011;
 inline constexpr std::int32_t DisconnectedByPeer = -5012;
 inline constexpr std::int32_t ReceiveTimeout = -5015;
+// A received frame failed the length or CRC check; reserved, so it prints "---".
+inline constexpr std::int32_t InvalidFrame = -5016;
 inline constexpr std::int32_t PayloadTooLarge = -5017;
 inline constexpr std::int32_t NotConnected = -5018;
 inline constexpr std::int32_t InvalidPluginType = -5020;

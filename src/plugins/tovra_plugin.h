@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace tovra {
+
+class ConnectionRecord;
+class TovraListener;
+
+// A transport: one object per open connection, owned by a connection record. All results
+// are 0 or positive on success and negative error codes on failure; nothing throws.
+class TovraPlugin {
+public:
+    explicit TovraPlugin(ConnectionRecord* owner) : owner_(owner) {}
+    virtual ~TovraPlugin() = default;
+    TovraPlugin(const TovraPlugin&) = delete;
+    TovraPlugin& operator=(const TovraPlugin&) = delete;
+
+    // Text of a code this plugin returned; valid until the next call.
+    virtual const char* pliGetErrorText(std::int32_t code);
+    virtual const char* pliGetVersion();
+    // Port handle (not negative) or an error.
+    virtual std::int32_t pliConnect(const char* connector) = 0;
+    virtual std::int32_t pliAccept(TovraListener* listener);
+    virtual std::int32_t pliDisconnect(std::int32_t portHandle) = 0;
+    virtual std::int32_t pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length) = 0;
+    // Length of one whole frame, the pending value INT32_MIN while none is there, or an error.
+    virtual std::int32_t pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize) = 0;
+    virtual std::int32_t pliPutParam(std::int32_t portHandle, const char* key, const char* value);
+    virtual std::int32_t pliGetParam(std::int32_t portHandle, const char* key, std::string& value);
+    virtual std::int32_t pliGetLastError(std::int32_t portHandle);
+
+    std::int32_t kind() const { return kind_; }
+
+protected:
+    // Stores a failure where it happens and hands it back.
+    std::int32_t fail(std::int32_t code)
+    {
+        lastError_ = code;
+        return code;
+    }
+
+    std::int32_t kind_ = 0;
+    ConnectionRecord* const owner_;
+    bool loaded_ = false;
+    bool secondFlag_ = false;
+    std::atomic<std::int32_t> lastError_{0};
+};
+
+// Waits for a reader to connect to the host; owned by a connection record while listening.
+class TovraListener {
+public:
+    explicit TovraListener(ConnectionRecord* owner) : owner_(owner) {}
+    virtual ~TovraListener() = default;
+    TovraListener(const TovraListener&) = delete;
+    TovraListener& operator=(const TovraListener&) = delete;
+
+    virtual std::int32_t start(const char* connector) = 0;
+    // Idempotent; joins the worker thread.
+    virtual void stop() = 0;
+
+    std::int32_t kind() const { return kind_; }
+
+protected:
+    std::int32_t kind_ = 0;
+    ConnectionRecord* const owner_;
+    bool firstFlag_ = false;
+    bool secondFlag_ = false;
+    std::atomic<bool> stopRequested_{false};
+};
+
+} // namespace tovra

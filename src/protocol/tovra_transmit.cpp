@@ -1,0 +1,52 @@
+#include "protocol/tovra_transmit.h"
+
+#include "api/error_codes.h"
+#include "logging/log.h"
+#include "platform/clock.h"
+#include "protocol/frame_dump.h"
+#include "reader/connection_record.h"
+
+namespace tovra {
+
+std::int32_t TovraTransmit::transmitProtocol(const ProtocolFrame& frame)
+{
+    TovraLogger& logger = record_.logger();
+    logFrameDump(logger, record_.readerHandle(), record_.name(), frame, DumpDirection::Send);
+    TOVRA_LOG_TRACE(logger, logcat::Reader, "Lock mutex");
+    std::int32_t result = err::NotConnected;
+    {
+        std::lock_guard guard(transmitLock_);
+        if (TovraPlugin* plugin = record_.plugin())
+            result = plugin->pliTransmit(record_.portHandle(), frame.bytes.data(), frame.usedLength());
+    }
+    TOVRA_LOG_TRACE(logger, logcat::Reader, "Mutex unlocked");
+    return result;
+}
+
+std::int32_t TovraReceive::receiveProtocol(ProtocolFrame& frame)
+{
+    const std::int32_t timeout = receiveTimeout_.load();
+    const std::int64_t deadline = timeout > 0 ? platform::monotonicMicros() + std::int64_t{timeout} * 1000 : 0;
+    abortRequested_.store(false);
+
+    std::int32_t received = 0;
+    for (;;) {
+        frame.clear();
+        TovraPlugin* plugin = record_.plugin();
+        received = plugin != nullptr
+                       ? plugin->pliReceive(record_.portHandle(), frame.bytes.data(), ProtocolFrame::maxLength)
+                       : err::NotConnected;
+        if (received >= 0) break;
+        if (received != err::ReceivePending) return received;
+        if (deadline != 0 && platform::monotonicMicros() > deadline) return err::ReceiveTimeout;
+        if (abortRequested_.load()) return err::Terminated;
+    }
+
+    // A plugin never reports more than the buffer holds; the length stays inside it regardless.
+    frame.length = std::min<std::uint64_t>(static_cast<std::uint64_t>(received), ProtocolFrame::maxLength);
+    const bool valid = isValidFrame(frame);
+    logFrameDump(record_.logger(), record_.readerHandle(), record_.name(), frame, DumpDirection::Receive);
+    return valid ? err::Ok : err::InvalidFrame;
+}
+
+} // namespace tovra

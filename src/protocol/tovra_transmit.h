@@ -1,0 +1,48 @@
+#pragma once
+
+#include "protocol/protocol_frame.h"
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+namespace tovra {
+
+class ConnectionRecord;
+
+// Sends whole frames through the record's plugin; one transmit lock per record makes
+// concurrent senders' frames go out one after the other.
+class TovraTransmit {
+public:
+    explicit TovraTransmit(ConnectionRecord& record) : record_(record) {}
+
+    // The plugin's transmit result, unchanged.
+    std::int32_t transmitProtocol(const ProtocolFrame& frame);
+
+private:
+    ConnectionRecord& record_;
+    std::mutex transmitLock_;
+};
+
+// Polls the record's plugin until a whole frame is there, within the receive timeout and
+// until aborted, then checks and logs the frame.
+class TovraReceive {
+public:
+    explicit TovraReceive(ConnectionRecord& record) : record_(record) {}
+
+    // 0, -5015 (timeout), -5011 (aborted), -5016 (frame failed the check) or the plugin's error.
+    std::int32_t receiveProtocol(ProtocolFrame& frame);
+    // Ends a waiting receive; any thread may call it.
+    void abort() { abortRequested_.store(true); }
+
+    // Milliseconds; 0 or negative waits without limit.
+    std::int32_t receiveTimeout() const { return receiveTimeout_.load(); }
+    void setReceiveTimeout(std::int32_t milliseconds) { receiveTimeout_.store(milliseconds); }
+
+private:
+    ConnectionRecord& record_;
+    std::atomic<bool> abortRequested_{false};
+    std::atomic<std::int32_t> receiveTimeout_{-1};
+};
+
+} // namespace tovra

@@ -1,0 +1,265 @@
+#include "reader/tovra_reader.h"
+
+#include "api/error_codes.h"
+#include "api/version.h"
+#include "logging/log.h"
+#include "reader/connector.h"
+#include "tovra/zk_parameter.h"
+
+namespace tovra {
+namespace {
+
+constexpr std::uint32_t kReaderErrors = logcat::Error | logcat::Reader;
+constexpr std::uint32_t kConnectTimeoutMs = 5000;
+
+std::string_view frameTypeLabel(std::uint8_t frameType)
+{
+    switch (frameType) {
+    case 2: return "Adv";
+    case 3: return "Enh";
+    default: return "Std";
+    }
+}
+
+} // namespace
+
+std::int32_t nextReaderHandle()
+{
+    static std::mutex lock;
+    static std::uint32_t counter = 0;
+    std::lock_guard guard(lock);
+    return static_cast<std::int32_t>(++counter & 0x0FFFFFFF);
+}
+
+TovraReader::TovraReader(std::int32_t moduleKind, const char* connector)
+    : moduleKind_(moduleKind), handle_(nextReaderHandle()), logger_(static_cast<std::uint32_t>(handle_))
+{
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, " TOVRA Version: ", versionText(), " - Creating module ...");
+    setFrameType(isOnePort() ? 3 : 2);
+    for (ConnectionRecord* record : {&single_, &app_, &rdr_}) record->bind(this, logger_, handle_);
+
+    ConnectionRecord& host = hostRecord();
+    if (connector != nullptr) host.setConnector(connector);
+    if (isOnePort()) {
+        single_.createHelpers();
+        single_.setName("SingleCh");
+    } else {
+        app_.createHelpers();
+        app_.setName("AppCh");
+        rdr_.createHelpers();
+        rdr_.setName("RdrCh");
+    }
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "... ", isOnePort() ? "1port" : "2port",
+                    " module created - frameType=", frameTypeLabel(host.frameType()), " connector=",
+                    host.connector());
+}
+
+TovraReader::~TovraReader()
+{
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Deleting module ...");
+    terminate();
+    stopListener();
+    disconnectByHost();
+    single_.destroyHelpers();
+    app_.destroyHelpers();
+    rdr_.destroyHelpers();
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "... Module deleted");
+}
+
+std::int32_t TovraReader::fail(std::int32_t code)
+{
+    lastError_.store(code);
+    TOVRA_LOG_ERROR(logger_, kReaderErrors, lastErrorText());
+    return code;
+}
+
+const char* TovraReader::channelWords() const
+{
+    return isOnePort() ? "1port" : "2port app channel";
+}
+
+const char* TovraReader::connectionState() const
+{
+    if (isOnePort()) return single_.connected() ? "SingleCh=Con" : "SingleCh=Discon";
+    if (app_.connected()) return rdr_.connected() ? "AppCh=Con:RdrCh=Con" : "AppCh=Con:RdrCh=Discon";
+    return rdr_.connected() ? "AppCh=Discon:RdrCh=Con" : "AppCh=Discon:RdrCh=Discon";
+}
+
+void TovraReader::terminate()
+{
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "TERMINATE");
+    terminating_.store(true);
+    // Releases whatever waits inside the channels; nothing is joined here.
+    for (ConnectionRecord* record : {&single_, &app_, &rdr_})
+        if (record->hasHelpers()) record->receive().abort();
+}
+
+void TovraReader::setReceiveTimeout(std::uint32_t milliseconds)
+{
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Set receive timeout ", milliseconds, " msec");
+    if (isOnePort()) singleResponseTimeout_.store(milliseconds);
+    else app_.receive().setReceiveTimeout(static_cast<std::int32_t>(milliseconds));
+}
+
+std::int32_t TovraReader::receiveTimeout() const
+{
+    if (isOnePort()) return static_cast<std::int32_t>(singleResponseTimeout_.load());
+    return app_.receive().receiveTimeout();
+}
+
+std::int32_t TovraReader::connectByHost(const char* connection)
+{
+    lastError_.store(0);
+    ConnectionRecord& record = hostRecord();
+    if (!record.claim().tryClaim()) return fail(err::ConnectFailed);
+
+    const std::int32_t created = record.createPlugin(connection);
+    if (created < 0) {
+        record.claim().free();
+        return fail(created);
+    }
+    const std::string connector = record.connector();
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port connect: " : "2port app channel connect: ",
+                    connector);
+
+    TovraPlugin* plugin = record.plugin();
+    const std::int32_t port = plugin != nullptr ? plugin->pliConnect(connector.c_str()) : err::CannotLoadPlugin;
+    if (port < 0) {
+        lastError_.store(port);
+        TOVRA_LOG_ERROR(logger_, kReaderErrors, lastErrorText());
+        record.releasePlugin();
+        record.claim().free();
+        return port;
+    }
+    record.setPortHandle(port);
+    setReceiveTimeout(kConnectTimeoutMs);
+    return err::Ok;
+}
+
+std::int32_t TovraReader::transceive(const std::uint8_t* request, std::uint64_t requestLength,
+                                     std::uint8_t* response, std::uint64_t* responseLength)
+{
+    ConnectionRecord& record = hostRecord();
+    if (record.claim().tryClaim()) {
+        record.claim().free();
+        return fail(err::NotConnected);
+    }
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, channelWords(), " transceive >> ", requestLength, " bytes");
+    // The channel objects that carry the exchange belong to the transports still to come.
+    (void)request;
+    (void)response;
+    (void)responseLength;
+    return fail(err::NotImplemented);
+}
+
+void TovraReader::disconnectByHost()
+{
+    ConnectionRecord& record = hostRecord();
+    TOVRA_LOG_TRACE(logger_, logcat::Reader,
+                    isOnePort() ? "Shutdown bi-dir connection by host ..." : "Disconnect uni-dir app channel by host ...");
+    if (record.claim().tryClaim()) {
+        record.claim().free();
+        return;
+    }
+    if (TovraPlugin* plugin = record.plugin()) plugin->pliDisconnect(record.portHandle());
+    record.setPortHandle(-1);
+    record.releasePlugin();
+    record.claim().free();
+    TOVRA_LOG_TRACE(logger_, logcat::Reader,
+                    isOnePort() ? "... bi-dir disconnected by host" : "... uni-dir app channel disconnected by host");
+}
+
+std::int32_t TovraReader::detectSerial(const char* detection)
+{
+    lastError_.store(0);
+    ZkParameter::TagMap tags;
+    if (detection != nullptr) ZkParameter::sectionToMap(detection, tags, ':', true);
+    std::string device;
+    if (connectorSectionName(detection) != "com" || !ZkParameter::valueOfTag(tags, "device", device))
+        return fail(err::DetectionParameter);
+    // Probing line settings needs the serial transport, which this build does not have yet.
+    return fail(err::NotImplemented);
+}
+
+std::int32_t TovraReader::startListener(const char* listenerText)
+{
+    lastError_.store(0);
+    ConnectionRecord& record = readerRecord();
+    const std::int32_t created = record.createListener(listenerText);
+    if (created < 0) return fail(created);
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port listen: " : "2port reader channel listen: ",
+                    listenerText);
+    TovraListener* listener = record.listener();
+    const std::int32_t started = listener != nullptr ? listener->start(listenerText) : err::Ok;
+    lastError_.store(started);
+    if (started < 0) {
+        TOVRA_LOG_ERROR(logger_, kReaderErrors, lastErrorText());
+        record.destroyListener();
+        return started;
+    }
+    return err::Ok;
+}
+
+std::int32_t TovraReader::stopListener()
+{
+    ConnectionRecord& record = readerRecord();
+    TOVRA_LOG_TRACE(logger_, logcat::Reader,
+                    isOnePort() ? "Shutdown 1port connection and listener ..."
+                                : "Shutdown 2port reader channel connection and listener ...");
+    // No reader can be connected through a listener yet: the record is only checked.
+    if (record.claim().tryClaim()) record.claim().free();
+    record.destroyListener();
+    TOVRA_LOG_TRACE(logger_, logcat::Reader,
+                    isOnePort() ? "... 1port listener stopped" : "... 2port reader channel listener stopped");
+    return err::Ok;
+}
+
+std::int32_t TovraReader::paramPlugin(ConnectionRecord& record, const char* parameters)
+{
+    std::int32_t accepted = 0;
+    TovraPlugin* plugin = record.plugin();
+    if (parameters == nullptr || plugin == nullptr) return accepted;
+    std::string key, value;
+    for (const char* p = parameters; p != nullptr;) {
+        p = ZkParameter::parseSection(p, key, value, ':', false);
+        if (key.empty()) continue;
+        const std::int32_t result = plugin->pliPutParam(record.portHandle(), key.c_str(), value.c_str());
+        lastError_.store(result);
+        if (result < 0) {
+            TOVRA_LOG_ERROR(logger_, kReaderErrors, "TovraReader::paramPlugin ", lastErrorText());
+            return result;
+        }
+        ++accepted;
+    }
+    return accepted;
+}
+
+void TovraReader::setConnectedCallbacks(void* context, TOVRA_ReaderConnectedCallback connected,
+                                        TOVRA_ReaderDisconnectedCallback disconnected)
+{
+    std::lock_guard guard(connectedLock_);
+    connectedContext_ = context;
+    connectedCallback_ = connected;
+    disconnectedCallback_ = disconnected;
+}
+
+void TovraReader::setRequestCallback(void* context, TOVRA_ReaderRequestCallback callback)
+{
+    std::lock_guard guard(requestLock_);
+    requestContext_ = context;
+    requestCallback_ = callback;
+}
+
+void TovraReader::setDetectSerialCallback(void* context, TOVRA_DetectSerialCallback callback)
+{
+    std::lock_guard guard(detectLock_);
+    detectContext_ = context;
+    detectCallback_ = callback;
+}
+
+void TovraReader::setFrameType(std::uint8_t frameType)
+{
+    for (ConnectionRecord* record : {&single_, &app_, &rdr_}) record->setFrameType(frameType);
+}
+
+} // namespace tovra

@@ -1,0 +1,95 @@
+#pragma once
+
+#include "logging/tovra_logger.h"
+#include "reader/connection_record.h"
+#include "tovra/tovra.h"
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+namespace tovra {
+
+// The module behind one reader handle: a one-port module (kind 2, channel "SingleCh") or a
+// two-port module (any other kind, channels "AppCh" and "RdrCh").
+class TovraReader {
+public:
+    TovraReader(std::int32_t moduleKind, const char* connector);
+    ~TovraReader();
+    TovraReader(const TovraReader&) = delete;
+    TovraReader& operator=(const TovraReader&) = delete;
+
+    std::int32_t handle() const { return handle_; }
+    bool isOnePort() const { return moduleKind_ == 2; }
+    TovraLogger& logger() { return logger_; }
+
+    const char* connectorText() const { return hostRecord().connectorText(); }
+    const char* connectionState() const;
+    std::int32_t lowLevelPortHandle() const { return hostRecord().portHandle(); }
+    std::int32_t lastError() const { return lastError_.load(); }
+    const char* lastErrorText() { return hostRecord().errorText(lastError_.load()); }
+
+    // Marks the module as terminating and releases the waits of its channels; never blocks.
+    void terminate();
+    bool terminating() const { return terminating_.load(); }
+
+    void setReceiveTimeout(std::uint32_t milliseconds);
+    std::int32_t receiveTimeout() const;
+
+    std::int32_t connectByHost(const char* connection);
+    std::int32_t transceive(const std::uint8_t* request, std::uint64_t requestLength, std::uint8_t* response,
+                            std::uint64_t* responseLength);
+    void disconnectByHost();
+    std::int32_t detectSerial(const char* detection);
+    std::int32_t startListener(const char* listenerText);
+    std::int32_t stopListener();
+    // Hands each "key=value" section to the connected plugin; the number accepted, or an error.
+    std::int32_t paramPlugin(ConnectionRecord& record, const char* parameters);
+
+    void setConnectedCallbacks(void* context, TOVRA_ReaderConnectedCallback connected,
+                               TOVRA_ReaderDisconnectedCallback disconnected);
+    void setRequestCallback(void* context, TOVRA_ReaderRequestCallback callback);
+    void setDetectSerialCallback(void* context, TOVRA_DetectSerialCallback callback);
+
+    // Writes the frame generation into all three records.
+    void setFrameType(std::uint8_t frameType);
+
+private:
+    // The channel the host connects: "SingleCh" or "AppCh".
+    ConnectionRecord& hostRecord() { return isOnePort() ? single_ : app_; }
+    const ConnectionRecord& hostRecord() const { return isOnePort() ? single_ : app_; }
+    // The channel readers connect to: "SingleCh" or "RdrCh".
+    ConnectionRecord& readerRecord() { return isOnePort() ? single_ : rdr_; }
+    std::int32_t fail(std::int32_t code);
+    const char* channelWords() const;
+
+    const std::int32_t moduleKind_;
+    std::atomic<std::int32_t> lastError_{0};
+    std::atomic<bool> terminating_{false};
+    const std::int32_t handle_;
+    TovraLogger logger_;
+
+    std::mutex connectedLock_;
+    void* connectedContext_ = nullptr;
+    TOVRA_ReaderConnectedCallback connectedCallback_ = nullptr;
+    TOVRA_ReaderDisconnectedCallback disconnectedCallback_ = nullptr;
+
+    std::mutex detectLock_;
+    void* detectContext_ = nullptr;
+    TOVRA_DetectSerialCallback detectCallback_ = nullptr;
+
+    std::mutex requestLock_;
+    void* requestContext_ = nullptr;
+    TOVRA_ReaderRequestCallback requestCallback_ = nullptr;
+
+    ConnectionRecord single_;
+    ConnectionRecord app_;
+    ConnectionRecord rdr_;
+    // Response timeout of the one-port channel, in milliseconds.
+    std::atomic<std::uint32_t> singleResponseTimeout_{5000};
+};
+
+// Takes the next reader handle: 1, 2, 3, ... with the top four bits cleared.
+std::int32_t nextReaderHandle();
+
+} // namespace tovra
