@@ -18,6 +18,8 @@ public:
 
     // The plugin's transmit result, unchanged.
     std::int32_t transmitProtocol(const ProtocolFrame& frame);
+    // Held around every plugin transmit; whoever closes or replaces the plugin holds it too.
+    std::mutex& lock() { return transmitLock_; }
 
 private:
     ConnectionRecord& record_;

@@ -20,6 +20,12 @@ void ConnectionRecord::createHelpers()
     receive_ = std::make_unique<TovraReceive>(*this);
 }
 
+std::mutex& ConnectionRecord::transmitLockOf()
+{
+    // Records used without helpers (none in a module's unused channels) have nothing to exclude.
+    return transmit_ ? transmit_->lock() : spareLock_;
+}
+
 void ConnectionRecord::destroyHelpers()
 {
     transmit_.reset();
@@ -43,20 +49,32 @@ std::int32_t ConnectionRecord::createPlugin(const char* connector)
 void ConnectionRecord::adoptPlugin(std::unique_ptr<TovraPlugin> plugin)
 {
     if (plugin_) releasePlugin();
+    std::scoped_lock guard(transmitLockOf(), textLock_);
     plugin_ = std::move(plugin);
 }
 
 void ConnectionRecord::releasePlugin()
 {
-    if (!plugin_) return;
-    const std::int32_t code = plugin_->pliGetLastError(portHandle());
-    const char* text = plugin_->pliGetErrorText(code);
+    std::unique_ptr<TovraPlugin> plugin;
     {
-        std::lock_guard guard(textLock_);
-        cachedPluginError_ = code;
-        cachedPluginErrorText_ = text != nullptr ? text : "";
+        std::scoped_lock guard(transmitLockOf(), textLock_);
+        plugin = std::move(plugin_);
     }
-    plugin_.reset();
+    if (!plugin) return;
+    const std::int32_t code = plugin->pliGetLastError(portHandle());
+    const char* text = plugin->pliGetErrorText(code);
+    std::lock_guard guard(textLock_);
+    cachedPluginError_ = code;
+    cachedPluginErrorText_ = text != nullptr ? text : "";
+}
+
+std::int32_t ConnectionRecord::disconnectPlugin()
+{
+    std::lock_guard guard(transmitLockOf());
+    std::int32_t result = 0;
+    if (plugin_) result = plugin_->pliDisconnect(portHandle());
+    setPortHandle(-1);
+    return result;
 }
 
 std::int32_t ConnectionRecord::createListener(const char* listenerText)
@@ -74,20 +92,22 @@ void ConnectionRecord::destroyListener()
 
 const char* ConnectionRecord::errorText(std::int32_t code)
 {
-    std::string text;
-    if (code == 0) text = "Ok, no error";
-    // -5022 names the libraries and versions involved: only the plugin knows them.
-    else if (code >= -5999 && code <= -5000 && code != err::PluginVersionMismatch) text = libraryErrorText(code);
-    else if (plugin_) {
-        const char* pluginText = plugin_->pliGetErrorText(code);
-        text = pluginText != nullptr ? pluginText : "";
-    } else {
-        std::lock_guard guard(textLock_);
-        text = code == cachedPluginError_ ? cachedPluginErrorText_ : "Plugin error " + std::to_string(code);
-    }
     std::lock_guard guard(textLock_);
-    errorText_ = std::move(text);
+    errorText_ = composeErrorText(code);
     return errorText_.c_str();
+}
+
+std::string ConnectionRecord::composeErrorText(std::int32_t code) const
+{
+    if (code == 0) return "Ok, no error";
+    // -5022 names the libraries and versions involved: only the plugin knows them.
+    if (code >= -5999 && code <= -5000 && code != err::PluginVersionMismatch) return libraryErrorText(code);
+    if (plugin_) {
+        const char* text = plugin_->pliGetErrorText(code);
+        return text != nullptr ? text : "";
+    }
+    if (code == cachedPluginError_) return cachedPluginErrorText_;
+    return "Plugin error " + std::to_string(code);
 }
 
 std::string ConnectionRecord::connector() const

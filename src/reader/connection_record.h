@@ -35,8 +35,12 @@ public:
     std::int32_t createPlugin(const char* connector);
     // Makes `plugin` the record's plugin, releasing any previous one first.
     void adoptPlugin(std::unique_ptr<TovraPlugin> plugin);
-    // Caches the plugin's last error and its text, then destroys the plugin.
+    // Caches the plugin's last error and its text, then destroys the plugin. The thread that
+    // receives on the plugin must have ended; senders are kept out by the transmit lock.
     void releasePlugin();
+    // Closes the plugin's connection (pliDisconnect) and marks the channel disconnected;
+    // 0 or the plugin's result.
+    std::int32_t disconnectPlugin();
     // 0, -5009 (null text), -5008 (already listening) or -5030.
     std::int32_t createListener(const char* listenerText);
     void destroyListener();
@@ -56,6 +60,7 @@ public:
     const TovraReceive& receive() const { return *receive_; }
     bool hasHelpers() const { return transmit_ != nullptr; }
     ClaimGuard& claim() { return claim_; }
+    TovraReader* reader() const { return reader_; }
     TovraLogger& logger() const { return *logger_; }
     const std::string& name() const { return name_; }
     std::int32_t readerHandle() const { return readerHandle_; }
@@ -76,6 +81,10 @@ public:
     std::function<std::int32_t(ConnectionRecord&)> acceptedEntry;
 
 private:
+    std::mutex& transmitLockOf();
+    // The caller holds textLock_.
+    std::string composeErrorText(std::int32_t code) const;
+
     std::int32_t readerHandle_ = 0;
     std::atomic<std::int32_t> portHandle_{-1};
     std::atomic<std::uint8_t> frameType_{0};
@@ -88,6 +97,7 @@ private:
     std::unique_ptr<TovraPlugin> plugin_;
     std::unique_ptr<TovraListener> listener_;
     ClaimGuard claim_;
+    std::mutex spareLock_;
 
     // Texts that application threads read while others replace them.
     mutable std::mutex textLock_;

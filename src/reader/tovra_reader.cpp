@@ -3,6 +3,9 @@
 #include "api/error_codes.h"
 #include "api/version.h"
 #include "logging/log.h"
+#include "protocol/app_callback_1p.h"
+#include "protocol/app_transceive_1p.h"
+#include "protocol/receiver_1p.h"
 #include "reader/connector.h"
 #include "tovra/zk_parameter.h"
 
@@ -11,6 +14,8 @@ namespace {
 
 constexpr std::uint32_t kReaderErrors = logcat::Error | logcat::Reader;
 constexpr std::uint32_t kConnectTimeoutMs = 5000;
+// What the application finds preset as its response length in a reader-request callback.
+constexpr std::uint64_t kMaxCallbackResponse = 32760;
 
 std::string_view frameTypeLabel(std::uint8_t frameType)
 {
@@ -43,6 +48,11 @@ TovraReader::TovraReader(std::int32_t moduleKind, const char* connector)
     if (isOnePort()) {
         single_.createHelpers();
         single_.setName("SingleCh");
+        transceive1P_ = std::make_unique<TovraAppTransceive1P>(single_);
+        callback1P_ = std::make_unique<TovraAppCallback1P>(single_);
+        receiver1P_ = std::make_unique<TovraReceiver1P>(single_, *transceive1P_, *callback1P_);
+        transceive1P_->attachReceiver(*receiver1P_);
+        callback1P_->attachReceiver(*receiver1P_);
     } else {
         app_.createHelpers();
         app_.setName("AppCh");
@@ -60,6 +70,9 @@ TovraReader::~TovraReader()
     terminate();
     stopListener();
     disconnectByHost();
+    receiver1P_.reset();
+    transceive1P_.reset();
+    callback1P_.reset();
     single_.destroyHelpers();
     app_.destroyHelpers();
     rdr_.destroyHelpers();
@@ -90,6 +103,7 @@ void TovraReader::terminate()
     TOVRA_LOG_TRACE(logger_, logcat::Reader, "TERMINATE");
     terminating_.store(true);
     // Releases whatever waits inside the channels; nothing is joined here.
+    if (receiver1P_) receiver1P_->stop();
     for (ConnectionRecord* record : {&single_, &app_, &rdr_})
         if (record->hasHelpers()) record->receive().abort();
 }
@@ -97,13 +111,13 @@ void TovraReader::terminate()
 void TovraReader::setReceiveTimeout(std::uint32_t milliseconds)
 {
     TOVRA_LOG_TRACE(logger_, logcat::Reader, "Set receive timeout ", milliseconds, " msec");
-    if (isOnePort()) singleResponseTimeout_.store(milliseconds);
+    if (isOnePort()) transceive1P_->setResponseTimeout(milliseconds);
     else app_.receive().setReceiveTimeout(static_cast<std::int32_t>(milliseconds));
 }
 
 std::int32_t TovraReader::receiveTimeout() const
 {
-    if (isOnePort()) return static_cast<std::int32_t>(singleResponseTimeout_.load());
+    if (isOnePort()) return static_cast<std::int32_t>(transceive1P_->responseTimeout());
     return app_.receive().receiveTimeout();
 }
 
@@ -133,6 +147,10 @@ std::int32_t TovraReader::connectByHost(const char* connection)
     }
     record.setPortHandle(port);
     setReceiveTimeout(kConnectTimeoutMs);
+    if (isOnePort()) {
+        transceive1P_->resetReceiverEnded();
+        receiver1P_->start(false);
+    }
     return err::Ok;
 }
 
@@ -145,11 +163,13 @@ std::int32_t TovraReader::transceive(const std::uint8_t* request, std::uint64_t 
         return fail(err::NotConnected);
     }
     TOVRA_LOG_TRACE(logger_, logcat::Reader, channelWords(), " transceive >> ", requestLength, " bytes");
-    // The channel objects that carry the exchange belong to the transports still to come.
-    (void)request;
-    (void)response;
-    (void)responseLength;
-    return fail(err::NotImplemented);
+    // The two-port application channel arrives with the listening side.
+    const std::int32_t result = isOnePort() ? transceive1P_->transceive(request, requestLength, response, responseLength)
+                                            : err::NotImplemented;
+    if (result < 0) return fail(result);
+    lastError_.store(result);
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, channelWords(), " transceive << ", *responseLength, " bytes");
+    return result;
 }
 
 void TovraReader::disconnectByHost()
@@ -161,12 +181,15 @@ void TovraReader::disconnectByHost()
         record.claim().free();
         return;
     }
-    if (TovraPlugin* plugin = record.plugin()) plugin->pliDisconnect(record.portHandle());
-    record.setPortHandle(-1);
-    record.releasePlugin();
-    record.claim().free();
-    TOVRA_LOG_TRACE(logger_, logcat::Reader,
-                    isOnePort() ? "... bi-dir disconnected by host" : "... uni-dir app channel disconnected by host");
+    if (isOnePort()) {
+        // The callback thread closes the connection and frees the channel on its way out.
+        receiver1P_->terminate();
+        TOVRA_LOG_TRACE(logger_, logcat::Reader, "... bi-dir disconnected by host");
+        return;
+    }
+    record.disconnectPlugin();
+    connectionClosed(record);
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "... uni-dir app channel disconnected by host");
 }
 
 std::int32_t TovraReader::detectSerial(const char* detection)
@@ -206,8 +229,8 @@ std::int32_t TovraReader::stopListener()
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "Shutdown 1port connection and listener ..."
                                 : "Shutdown 2port reader channel connection and listener ...");
-    // No reader can be connected through a listener yet: the record is only checked.
     if (record.claim().tryClaim()) record.claim().free();
+    else if (isOnePort()) receiver1P_->terminate();
     record.destroyListener();
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "... 1port listener stopped" : "... 2port reader channel listener stopped");
@@ -255,6 +278,80 @@ void TovraReader::setDetectSerialCallback(void* context, TOVRA_DetectSerialCallb
     std::lock_guard guard(detectLock_);
     detectContext_ = context;
     detectCallback_ = callback;
+}
+
+void TovraReader::connectedByReader(ConnectionRecord& record)
+{
+    TOVRA_ReaderConnectedCallback callback = nullptr;
+    void* context = nullptr;
+    {
+        std::lock_guard guard(connectedLock_);
+        callback = connectedCallback_;
+        context = connectedContext_;
+    }
+    if (callback == nullptr) return;
+    const std::string text = record.connectionText();
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Enter connected-by-reader-CALLBACK");
+    callback(record.readerHandle(), context, text.c_str());
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Returned from connected-by-reader-CALLBACK");
+}
+
+void TovraReader::disconnectedByReader(ConnectionRecord& record)
+{
+    TOVRA_ReaderDisconnectedCallback callback = nullptr;
+    void* context = nullptr;
+    {
+        std::lock_guard guard(connectedLock_);
+        callback = disconnectedCallback_;
+        context = connectedContext_;
+    }
+    if (callback == nullptr) return;
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Enter disconnected-by-reader-CALLBACK");
+    callback(record.readerHandle(), context);
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Returned from disconnected-by-reader-CALLBACK");
+}
+
+std::int32_t TovraReader::readerRequest(ConnectionRecord& record, const ProtocolFrame& request,
+                                        ProtocolFrame& response)
+{
+    const auto payload = request.payload();
+    std::uint8_t* answer = nullptr;
+    std::uint64_t answerLength = kMaxCallbackResponse;
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Reader request << ", payload.size(), " bytes");
+
+    TOVRA_ReaderRequestCallback callback = nullptr;
+    void* context = nullptr;
+    {
+        std::lock_guard guard(requestLock_);
+        callback = requestCallback_;
+        context = requestContext_;
+    }
+    if (callback == nullptr) {
+        TOVRA_LOG_TRACE(logger_, logcat::Reader, "Reader request: no app callback >> no response");
+        return -1;
+    }
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Enter reader-request-CALLBACK");
+    const std::int32_t result =
+        callback(record.readerHandle(), context, payload.data(), payload.size(), &answer, &answerLength);
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Returned from reader-request-CALLBACK");
+
+    if (result != 0 || answer == nullptr || answerLength == 0) {
+        TOVRA_LOG_TRACE(logger_, logcat::Reader, "Reader request >> no app response");
+        return -1;
+    }
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, "Reader request >> ", answerLength, " bytes");
+    if (!buildFrame(response, answer, answerLength, static_cast<std::uint8_t>(request.generation()),
+                    kDirectionResponse, record.busAddress())) {
+        TOVRA_LOG_TRACE(logger_, logcat::Reader, "Reader request: response length error >> no response");
+        return -1;
+    }
+    return 0;
+}
+
+void TovraReader::connectionClosed(ConnectionRecord& record)
+{
+    record.releasePlugin();
+    record.claim().free();
 }
 
 void TovraReader::setFrameType(std::uint8_t frameType)

@@ -6,9 +6,15 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 namespace tovra {
+
+class TovraAppCallback1P;
+class TovraAppTransceive1P;
+class TovraReceiver1P;
+struct ProtocolFrame;
 
 // The module behind one reader handle: a one-port module (kind 2, channel "SingleCh") or a
 // two-port module (any other kind, channels "AppCh" and "RdrCh").
@@ -17,6 +23,7 @@ public:
     TovraReader(std::int32_t moduleKind, const char* connector);
     ~TovraReader();
     TovraReader(const TovraReader&) = delete;
+    TovraReader(TovraReader&&) = delete;
     TovraReader& operator=(const TovraReader&) = delete;
 
     std::int32_t handle() const { return handle_; }
@@ -54,6 +61,15 @@ public:
     // Writes the frame generation into all three records.
     void setFrameType(std::uint8_t frameType);
 
+    // Called by the channel thread that serves a connection the reader made.
+    void connectedByReader(ConnectionRecord& record);
+    void disconnectedByReader(ConnectionRecord& record);
+    // Hands a reader's request to the application and builds the response frame:
+    // 0 when there is a response to send, -1 when there is none.
+    std::int32_t readerRequest(ConnectionRecord& record, const ProtocolFrame& request, ProtocolFrame& response);
+    // The channel's connection is gone: the plugin is released and the channel is free again.
+    void connectionClosed(ConnectionRecord& record);
+
 private:
     // The channel the host connects: "SingleCh" or "AppCh".
     ConnectionRecord& hostRecord() { return isOnePort() ? single_ : app_; }
@@ -85,8 +101,11 @@ private:
     ConnectionRecord single_;
     ConnectionRecord app_;
     ConnectionRecord rdr_;
-    // Response timeout of the one-port channel, in milliseconds.
-    std::atomic<std::uint32_t> singleResponseTimeout_{5000};
+
+    // One-port channel objects (none in a two-port module).
+    std::unique_ptr<TovraAppTransceive1P> transceive1P_;
+    std::unique_ptr<TovraAppCallback1P> callback1P_;
+    std::unique_ptr<TovraReceiver1P> receiver1P_;
 };
 
 // Takes the next reader handle: 1, 2, 3, ... with the top four bits cleared.

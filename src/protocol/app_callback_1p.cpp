@@ -1,0 +1,106 @@
+#include "protocol/app_callback_1p.h"
+
+#include "logging/log.h"
+#include "protocol/receiver_1p.h"
+#include "reader/connection_record.h"
+#include "reader/tovra_reader.h"
+
+#include <utility>
+
+namespace tovra {
+
+TovraAppCallback1P::TovraAppCallback1P(ConnectionRecord& record) : record_(record) {}
+
+TovraAppCallback1P::~TovraAppCallback1P() { terminate(); }
+
+bool TovraAppCallback1P::start(bool connectedByReader)
+{
+    if (thread_.exists() && !thread_.finished()) {
+        TOVRA_LOG_ERROR(record_.logger(), logcat::Error | logcat::Reader,
+                        "1port application callback: thread already started");
+        return false;
+    }
+    connectedByReader_.store(connectedByReader);
+    disconnectedByReader_.store(false);
+    {
+        std::lock_guard guard(lock_);
+        pendingRequest_ = nullptr;
+    }
+    return thread_.start([this] { run(); });
+}
+
+bool TovraAppCallback1P::deliverRequest(ProtocolFrame& frame)
+{
+    {
+        std::unique_lock lock(lock_);
+        // One request waits at a time, as the receiver would block on a busy taker.
+        changed_.wait(lock, [this] { return pendingRequest_ == nullptr || thread_.stopRequested(); });
+        if (thread_.stopRequested()) return false;
+        pendingRequest_ = &frame;
+    }
+    changed_.notify_all();
+    return true;
+}
+
+void TovraAppCallback1P::signalEnd(bool disconnectedByReader)
+{
+    disconnectedByReader_.store(disconnectedByReader);
+    thread_.requestStop();
+    { std::lock_guard guard(lock_); }
+    changed_.notify_all();
+}
+
+void TovraAppCallback1P::terminate()
+{
+    if (!thread_.exists()) return;
+    signalEnd(false);
+    thread_.join();
+}
+
+ProtocolFrame* TovraAppCallback1P::nextRequest()
+{
+    std::unique_lock lock(lock_);
+    changed_.wait(lock, [this] { return pendingRequest_ != nullptr || thread_.stopRequested(); });
+    if (thread_.stopRequested()) return nullptr;
+    ProtocolFrame* request = std::exchange(pendingRequest_, nullptr);
+    lock.unlock();
+    changed_.notify_all(); // the slot is free for the receiver
+    return request;
+}
+
+void TovraAppCallback1P::run()
+{
+    TovraLogger& logger = record_.logger();
+    TovraReader* reader = record_.reader();
+    if (connectedByReader_.load()) {
+        TOVRA_LOG_TRACE(logger, logcat::Reader, "1port application callback thread started: connected by reader");
+        if (reader != nullptr) reader->connectedByReader(record_);
+    } else {
+        TOVRA_LOG_TRACE(logger, logcat::Reader, "1port application callback thread started: connected by host");
+    }
+
+    // The application's callback runs without this thread's lock held.
+    while (ProtocolFrame* request = nextRequest()) {
+        const std::int32_t answered = reader != nullptr ? reader->readerRequest(record_, *request, *response_) : -1;
+        receiver_->release(*request);
+        if (answered < 0) continue;
+        if (thread_.stopRequested()) break;
+        record_.transmit().transmitProtocol(*response_);
+    }
+
+    const bool byReader = disconnectedByReader_.load();
+    if (byReader && reader != nullptr) reader->disconnectedByReader(record_);
+    closeConnection();
+    TOVRA_LOG_TRACE(logger, logcat::Reader,
+                    byReader ? "1port application callback thread stopped: disconnected by reader"
+                             : "1port application callback thread stopped: disconnected by host");
+}
+
+void TovraAppCallback1P::closeConnection()
+{
+    if (TovraPlugin* plugin = record_.plugin()) plugin->pliDisconnect(record_.portHandle());
+    record_.setPortHandle(-1);
+    if (TovraReader* reader = record_.reader()) reader->connectionClosed(record_);
+}
+
+} // namespace tovra

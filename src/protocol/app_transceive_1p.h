@@ -1,0 +1,50 @@
+#pragma once
+
+#include "protocol/protocol_frame.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+namespace tovra {
+
+class ConnectionRecord;
+class TovraReceiver1P;
+
+// The application side of a one-port connection: sends a request frame and waits for the
+// response that the receiver thread hands over. One exchange at a time per reader.
+class TovraAppTransceive1P {
+public:
+    explicit TovraAppTransceive1P(ConnectionRecord& record);
+    void attachReceiver(TovraReceiver1P& receiver) { receiver_ = &receiver; }
+
+    // 0, -5011 (receiver ended), -5010 (null pointer), -5017 (payload or response too large),
+    // -5015 (no response in time) or the transmit error.
+    std::int32_t transceive(const std::uint8_t* payload, std::uint64_t payloadLength, std::uint8_t* response,
+                            std::uint64_t* responseLength);
+
+    // Called by the receiver thread.
+    bool deliverResponse(ProtocolFrame& frame);
+    void receiverEnded();
+    void resetReceiverEnded() { receiverEnded_.store(false); }
+
+    std::uint32_t responseTimeout() const { return responseTimeout_.load(); }
+    void setResponseTimeout(std::uint32_t milliseconds) { responseTimeout_.store(milliseconds); }
+
+private:
+    std::int32_t awaitResponse(std::unique_lock<std::mutex>& lock, std::uint8_t* response,
+                               std::uint64_t* responseLength);
+
+    ConnectionRecord& record_;
+    TovraReceiver1P* receiver_ = nullptr;
+    std::unique_ptr<ProtocolFrame> request_ = std::make_unique<ProtocolFrame>();
+    ProtocolFrame* pendingResponse_ = nullptr; // one of the receiver's buffers
+    std::atomic<bool> receiverEnded_{false};
+    std::atomic<std::uint32_t> responseTimeout_{5000};
+    std::mutex lock_;
+    std::condition_variable responseArrived_;
+};
+
+} // namespace tovra
