@@ -148,6 +148,8 @@ std::int32_t TovraReader::connectByHost(const char* connection)
     record.setPortHandle(port);
     setReceiveTimeout(kConnectTimeoutMs);
     if (isOnePort()) {
+        // Threads of a connection the reader closed may still be on their way out: reap them.
+        receiver1P_->terminate();
         transceive1P_->resetReceiverEnded();
         receiver1P_->start(false);
     }
