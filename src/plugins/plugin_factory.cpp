@@ -1,6 +1,7 @@
 #include "plugins/plugin_factory.h"
 
 #include "api/error_codes.h"
+#include "plugins/tovra_plugin_tcp.h"
 #include "plugins/unavailable_transport.h"
 #include "reader/connector.h"
 
@@ -16,7 +17,7 @@ std::int32_t createPlugin(std::int32_t connectorType, ConnectionRecord& owner,
         switch (connectorType) {
         case kConnectorCom: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "COM"); break;
         case kConnectorUsb: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "USB"); break;
-        case kConnectorTcp: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "TCP"); break;
+        case kConnectorTcp: plugin = std::make_unique<TovraPluginTcp>(&owner); break;
         case kConnectorBle:
         case kConnectorBle5: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "BLE"); break;
         case kConnectorCust: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "CUST"); break;

@@ -100,10 +100,15 @@ TEST(ReaderModule, ConnectListenAndDetectErrorsCarryTheirTexts)
     EXPECT_STREQ(TOVRA_GetLastErrorText(reader), "TOVRA error: code=-5020: Invalid plugin type");
     EXPECT_STREQ(TOVRA_GetConnector(reader), "serial:port=1");
 
-    // Known transports that this build does not carry yet.
-    EXPECT_EQ(TOVRA_ConnectByHost(reader, "TCP:IPAddress=127.0.0.1:Port=1"), -5024);
+    // A transport that this build does not carry yet.
+    EXPECT_EQ(TOVRA_ConnectByHost(reader, "USB:Device=1"), -5024);
     EXPECT_EQ(TOVRA_GetLastError(reader), -5024);
     EXPECT_STREQ(TOVRA_GetLastErrorText(reader), "TOVRA error: code=-5024: Plugin function is not implemented");
+
+    // A plugin's own failure is explained by the plugin after it is gone.
+    EXPECT_EQ(TOVRA_ConnectByHost(reader, "TCP:IPAddress=127.0.0.1:Port=65536"), -1503);
+    EXPECT_STREQ(TOVRA_GetLastErrorText(reader), "TOVRA.TCP error -1503: Invalid port number");
+    EXPECT_EQ(TOVRA_ConnectByHost(reader, "tcp:Port=1"), -5003);
     EXPECT_STREQ(TOVRA_GetConnectionState(reader), "SingleCh=Discon");
 
     std::uint8_t response[8];
@@ -139,7 +144,7 @@ TEST(ReaderModule, TerminateFromOtherThreadsWhileReadersComeAndGo)
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([t] {
             for (int i = 0; i < 100; ++i) {
-                const std::int32_t reader = TOVRA_Create(t % 2 == 0 ? 2 : 3, "tcp:");
+                const std::int32_t reader = TOVRA_Create(t % 2 == 0 ? 2 : 3, "usb:");
                 ASSERT_GT(reader, 0);
                 EXPECT_EQ(TOVRA_Terminate(reader), 0);
                 EXPECT_EQ(TOVRA_ConnectByHost(reader, nullptr), -5024);

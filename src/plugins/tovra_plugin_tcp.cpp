@@ -1,0 +1,413 @@
+#include "plugins/tovra_plugin_tcp.h"
+
+#include "api/error_codes.h"
+#include "logging/log.h"
+#include "parameter/atoi_like.h"
+#include "platform/clock.h"
+#include "plugins/tovra_listener_tcp.h"
+#include "reader/connection_record.h"
+#include "tovra/zk_parameter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+
+namespace tovra {
+namespace {
+
+constexpr std::uint32_t kTrace = logcat::Tcp;
+constexpr std::uint32_t kError = logcat::Error | logcat::Tcp;
+
+// Every frame starts with three bytes that hold its length.
+constexpr std::size_t kHeaderLength = 3;
+
+std::string hex(std::int32_t value)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    auto bits = static_cast<std::uint32_t>(value);
+    std::string text;
+    do {
+        text.insert(text.begin(), digits[bits & 0xF]);
+        bits >>= 4;
+    } while (bits != 0);
+    return text;
+}
+
+std::string natError(int error) { return "NatError=" + std::to_string(error); }
+std::string natError() { return natError(platform::lastSocketError()); }
+
+// The length of the frame whose first `assembled` bytes are in `frame`: the header length
+// until the header is complete, then the length the header declares.
+std::size_t expectedLength(const ProtocolFrame& frame, std::size_t assembled)
+{
+    return assembled < kHeaderLength ? kHeaderLength : frame.declaredLength();
+}
+
+const char* messageOf(std::int32_t code)
+{
+    switch (code) {
+    case tcperr::CannotCreateSocket: return "Cannot create TCP socket";
+    case tcperr::InvalidAddress: return "Invalid IP address (no IPv4 or IPv6)";
+    case tcperr::InvalidPort: return "Invalid port number";
+    case tcperr::CannotResolve: return "Cannot resolve domain name";
+    case tcperr::ConnectFailed: return "Connect failed";
+    case tcperr::TransmitFailed: return "Transmit failed";
+    case tcperr::ReceiveFailed: return "Receive failed";
+    case tcperr::BufferOverflow: return "Protocol buffer overflow";
+    default: return "---";
+    }
+}
+
+} // namespace
+
+TovraPluginTcp::TovraPluginTcp(ConnectionRecord* owner) : TovraPlugin(owner)
+{
+    kind_ = 3;
+    endpoint_.reset();
+    frame_.clear();
+    const int started = platform::startNetwork();
+    wsaStarted_ = started == 0;
+    if (!wsaStarted_) TOVRA_LOG_ERROR(logger(), kError, "WSAStartup error ", started);
+}
+
+TovraPluginTcp::~TovraPluginTcp()
+{
+    try {
+        if (endpoint_.valid()) closeSocket();
+    } catch (...) {
+        // Only logging can throw (out of memory); the socket is closed in any case.
+        if (endpoint_.valid()) platform::closeSocket(endpoint_.socket());
+    }
+    if (wsaStarted_) platform::stopNetwork();
+}
+
+TovraLogger& TovraPluginTcp::logger() const { return owner_->logger(); }
+
+std::int32_t TovraPluginTcp::newPortHandle()
+{
+    static std::mutex lock;
+    static std::uint32_t counter = 0;
+    std::lock_guard guard(lock);
+    ++counter;
+    return static_cast<std::int32_t>((counter & 0x0FFFFFFFu) | 0x20000000u);
+}
+
+const char* TovraPluginTcp::pliGetErrorText(std::int32_t code)
+try {
+    errorText_ = "TOVRA.TCP error " + std::to_string(code) + ": " + messageOf(code);
+    return errorText_.c_str();
+} catch (...) {
+    return "TOVRA.TCP error";
+}
+
+const char* TovraPluginTcp::pliGetVersion() { return ""; }
+
+std::int32_t TovraPluginTcp::pliConnect(const char* connector)
+try {
+    lastError_ = 0;
+    TOVRA_LOG_TRACE(logger(), kTrace, "Connect ", connector != nullptr ? connector : "");
+    // A plugin serves one connection: a second connect replaces the first.
+    if (endpoint_.valid()) closeSocket();
+
+    std::string address;
+    std::int32_t port = 10001;
+    std::int32_t connectTimeout = -1;
+    std::string tag, value;
+    for (const char* p = connector; p != nullptr;) {
+        p = ZkParameter::parseSection(p, tag, value, ':', true);
+        if (tag == "ipaddress") address = value;
+        else if (tag == "port") port = atoiLike(value);
+        else if (tag == "connecttimeout") connectTimeout = atoiLike(value);
+    }
+    if (address.empty()) {
+        TOVRA_LOG_ERROR(logger(), kError, "Connection parameter error: no ipaddress");
+        return fail(err::ConnectionParameter);
+    }
+
+    int opened = endpoint_.openNumeric(address.c_str(), port);
+    if (opened == IpEndpoint::kBadAddress) {
+        TOVRA_LOG_TRACE(logger(), kTrace, "No IPv4 or IPv6 ==> resolve hostname");
+        opened = endpoint_.openResolved(address.c_str(), port);
+        if (opened == IpEndpoint::kNotResolved) {
+            TOVRA_LOG_ERROR(logger(), kError, "Resolve hostname failed: ", natError());
+            endpoint_.reset();
+            return fail(tcperr::CannotResolve);
+        }
+    }
+    if (opened == IpEndpoint::kNoSocket) {
+        TOVRA_LOG_ERROR(logger(), kError, "New socket failed: ", natError());
+        return fail(tcperr::CannotCreateSocket);
+    }
+    if (opened < 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "Invalid port number: ", port);
+        return fail(-1500 + opened); // -3 to -1503, as -1 to -1501
+    }
+
+    const platform::SocketHandle s = endpoint_.socket();
+    const std::string peer = endpoint_.addressText() + ":" + std::to_string(endpoint_.port());
+    bool connected;
+    if (connectTimeout < 1) {
+        TOVRA_LOG_TRACE(logger(), kTrace, "TCP socket=", s, " blocking connect to ", peer, " ...");
+        connected = blockingConnect();
+    } else {
+        TOVRA_LOG_TRACE(logger(), kTrace, "TCP socket=", s, " non-blocking connect to ", peer,
+                        " (tout=", connectTimeout, " ms) ...");
+        connected = nonblockingConnect(connectTimeout);
+    }
+    if (!connected) {
+        lastError_ = tcperr::ConnectFailed;
+        closeSocket();
+        return tcperr::ConnectFailed;
+    }
+
+    // Closing resets the connection at once instead of lingering.
+    if (!platform::setLinger(s, true, 0)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set SO_LINGER failed: ", natError());
+        return fail(tcperr::SocketOptionFailed); // the socket stays open
+    }
+    // Each frame goes out in one send: nothing to gain from waiting for more.
+    if (!platform::setNoDelay(s, true)) TOVRA_LOG_ERROR(logger(), kError, "Set TCP_NODELAY failed: ", natError());
+
+    const std::int32_t handle = newPortHandle();
+    TOVRA_LOG_TRACE(logger(), kTrace, "TCP socket=", s, " connected to ", peer, " PH=0x", hex(handle));
+    return handle;
+} catch (...) {
+    return fail(tcperr::ConnectFailed);
+}
+
+bool TovraPluginTcp::blockingConnect()
+{
+    const platform::SocketHandle s = endpoint_.socket();
+    const int error = platform::connectSocket(s, endpoint_.address());
+    if (error != 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "Blocking connect failed: ", natError(error));
+        return false;
+    }
+    if (!platform::setNonBlocking(s, true)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set socket nonblocking failed: ", natError());
+        return false;
+    }
+    return true;
+}
+
+bool TovraPluginTcp::nonblockingConnect(std::int32_t timeoutMs)
+{
+    const platform::SocketHandle s = endpoint_.socket();
+    if (!platform::setNonBlocking(s, true)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set socket nonblocking failed: ", natError());
+        return false;
+    }
+    const int error = platform::connectSocket(s, endpoint_.address());
+    if (error == 0) return true;
+    if (!platform::isConnectInProgress(error)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Non blocking connect failed: ", natError(error));
+        return false;
+    }
+    const int ready = platform::waitSocket(s, true, true, timeoutMs);
+    if (ready < 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
+        return false;
+    }
+    if (ready == 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "Connect timed out");
+        return false;
+    }
+    if ((ready & (platform::kWaitReadable | platform::kWaitWritable)) == 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "FD_ISSET failed: Should never happen");
+        return false;
+    }
+    int pending = 0;
+    if (!platform::socketError(s, pending)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Cannot get SO_ERROR socket option");
+        return false;
+    }
+    if (pending != 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "Connect with SO_ERROR=", pending);
+        return false;
+    }
+    return true;
+}
+
+std::int32_t TovraPluginTcp::pliAccept(TovraListener* listener)
+try {
+    TOVRA_LOG_TRACE(logger(), kTrace, "Accept");
+    auto* tcpListener = dynamic_cast<TovraListenerTcp*>(listener);
+    if (tcpListener == nullptr) {
+        TOVRA_LOG_ERROR(logger(), kError, "Dynamic_cast error on accept");
+        return fail(tcperr::AcceptFailed);
+    }
+    if (endpoint_.valid()) closeSocket();
+    endpoint_.moveFrom(tcpListener->acceptedEndpoint());
+
+    const platform::SocketHandle s = endpoint_.socket();
+    if (!platform::setNonBlocking(s, true)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set socket nonblocking failed: ", natError());
+        return fail(tcperr::AcceptFailed);
+    }
+    if (!platform::setNoDelay(s, true)) TOVRA_LOG_ERROR(logger(), kError, "Set TCP_NODELAY failed: ", natError());
+
+    const std::int32_t handle = newPortHandle();
+    TOVRA_LOG_TRACE(logger(), kTrace, "TCP socket=", s, " accepted from ", endpoint_.addressText(), ":",
+                    endpoint_.port(), " PH=0x", hex(handle));
+    return handle;
+} catch (...) {
+    return fail(tcperr::AcceptFailed);
+}
+
+std::int32_t TovraPluginTcp::pliDisconnect(std::int32_t portHandle)
+try {
+    TOVRA_LOG_TRACE(logger(), kTrace, "Disconnect PH=0x", hex(portHandle));
+    if (!endpoint_.valid()) {
+        TOVRA_LOG_ERROR(logger(), kError, "Disconnect failed: no socket PH=0x", hex(portHandle));
+        return fail(err::DisconnectFailed);
+    }
+    closeSocket();
+    TOVRA_LOG_TRACE(logger(), kTrace, "TCP disconnected");
+    return err::Ok;
+} catch (...) {
+    return fail(err::DisconnectFailed);
+}
+
+int TovraPluginTcp::closeSocket()
+{
+    const platform::SocketHandle s = endpoint_.socket();
+    TOVRA_LOG_TRACE(logger(), kTrace, "Shutdown and close socket=", s);
+    if (!platform::setNonBlocking(s, false))
+        TOVRA_LOG_ERROR(logger(), kError, "Set socket blocking failed: ", natError());
+    if (!platform::shutdownSocket(s)) TOVRA_LOG_ERROR(logger(), kError, "Shutdown failed: ", natError());
+    const int result = platform::closeSocket(s);
+    endpoint_.reset();
+    return result;
+}
+
+std::int32_t TovraPluginTcp::pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length)
+try {
+    TOVRA_LOG_TRACE(logger(), kTrace, "Sending ", length, " bytes PH=0x", hex(portHandle), " ...");
+    const std::ptrdiff_t sent = platform::sendBytes(endpoint_.socket(), data, length);
+    if (sent >= 0 && static_cast<std::size_t>(sent) == length) {
+        TOVRA_LOG_TRACE(logger(), kTrace, "... done");
+        return err::Ok;
+    }
+    if (sent >= 0) {
+        // A short write stores no code of its own: the caller gets the last error as it stands.
+        TOVRA_LOG_ERROR(logger(), kError, "Transmit failed: Not all bytes send");
+        return lastError_;
+    }
+    const int error = platform::lastSocketError();
+    if (platform::isConnectionReset(error)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Transmit failed: Disconnect by peer");
+        return fail(err::DisconnectedByPeer);
+    }
+    TOVRA_LOG_ERROR(logger(), kError, "Transmit failed: ", natError(error));
+    return fail(tcperr::TransmitFailed);
+} catch (...) {
+    return fail(tcperr::TransmitFailed);
+}
+
+std::int32_t TovraPluginTcp::pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize)
+try {
+    TOVRA_LOG_TRACE(logger(), kTrace, "Start receive PH=0x", hex(portHandle));
+    if (buffer == nullptr) bufferSize = 0;
+    const platform::SocketHandle s = endpoint_.socket();
+    frame_.clear();
+    std::size_t count = 0;
+    std::size_t expected = kHeaderLength;
+    std::int64_t now = platform::monotonicMicros();
+    std::int64_t deadline = now + std::int64_t{receiveTimeout_} * 1000;
+    // Bytes that the last FIONREAD reported and that are still unread: reading them needs
+    // no wait and no second query.
+    long unread = 0;
+
+    for (;;) {
+        if (now >= deadline) return err::ReceivePending;
+        long available = unread;
+        if (available <= 0) {
+            const auto waitMs = static_cast<int>((deadline - now + 999) / 1000);
+            const int ready = platform::waitSocket(s, true, false, waitMs);
+            if (ready < 0) {
+                TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
+                return fail(tcperr::ReceiveFailed);
+            }
+            if (ready == 0) return err::ReceivePending;
+            if ((ready & platform::kWaitReadable) == 0) {
+                TOVRA_LOG_ERROR(logger(), kError, "FD_ISSET failed: Should never happen");
+                return fail(tcperr::ReceiveFailed);
+            }
+            available = platform::availableBytes(s);
+            if (available < 0) {
+                TOVRA_LOG_ERROR(logger(), kError, "Receive failed: ", natError());
+                return fail(tcperr::ReceiveFailed);
+            }
+            if (available == 0) {
+                TOVRA_LOG_ERROR(logger(), kError, "Zero bytes available: Disconnect by peer");
+                return fail(err::DisconnectedByPeer);
+            }
+            TOVRA_LOG_TRACE(logger(), kTrace, available, " bytes available");
+        }
+
+        // Never more than the current frame still needs: the next frame stays in the socket.
+        const auto ready = static_cast<std::size_t>(available);
+        const std::size_t toRead = count + ready > expected ? expected - count : ready;
+        const std::ptrdiff_t got = platform::recvBytes(s, frame_.bytes.data() + count, toRead);
+        if (got < 0) {
+            const int error = platform::lastSocketError();
+            if (platform::isConnectionReset(error)) {
+                TOVRA_LOG_ERROR(logger(), kError, "Receive failed: Disconnect by peer");
+                return fail(err::DisconnectedByPeer);
+            }
+            TOVRA_LOG_ERROR(logger(), kError, "Receive failed: ", natError(error));
+            return fail(tcperr::ReceiveFailed);
+        }
+        if (got == 0) {
+            TOVRA_LOG_ERROR(logger(), kError, "Receive failed: Disconnect by peer");
+            return fail(err::DisconnectedByPeer);
+        }
+        const auto read = static_cast<std::size_t>(got);
+        unread = available - static_cast<long>(read);
+        TOVRA_LOG_TRACE(logger(), kTrace, "Read ", read, " bytes");
+        now = platform::monotonicMicros();
+
+        if (expected == kHeaderLength) {
+            // Recomputed after every read until the header is complete; each such read
+            // gives the frame a fresh time-out.
+            expected = expectedLength(frame_, count + read);
+            TOVRA_LOG_TRACE(logger(), kTrace, "Expected protocol length: ", expected, " bytes");
+            // A declared length below the header length still hands out the whole header.
+            if (std::max(expected, count + read) > std::min(bufferSize, ProtocolFrame::maxLength)) {
+                TOVRA_LOG_ERROR(logger(), kError, "Buffer overflow: protocol too long");
+                return fail(tcperr::BufferOverflow);
+            }
+            deadline = now + std::int64_t{receiveTimeout_} * 1000;
+        }
+        count += read;
+        // A declared length of 0, 1 or 2 is already passed by the header: the three bytes go
+        // out as the frame, which the frame check then rejects, and the stream stays in step.
+        if (count >= expected) {
+            std::memcpy(buffer, frame_.bytes.data(), count);
+            frame_.length = count;
+            return static_cast<std::int32_t>(count);
+        }
+    }
+} catch (...) {
+    return fail(tcperr::ReceiveFailed);
+}
+
+std::int32_t TovraPluginTcp::pliPutParam(std::int32_t portHandle, const char* key, const char*)
+try {
+    TOVRA_LOG_TRACE(logger(), kTrace, "Put parameter ", key != nullptr ? key : "", " PH=0x", hex(portHandle));
+    TOVRA_LOG_ERROR(logger(), kError, "Plugin function is not implemented");
+    return fail(err::NotImplemented);
+} catch (...) {
+    return fail(err::NotImplemented);
+}
+
+std::int32_t TovraPluginTcp::pliGetParam(std::int32_t portHandle, const char* key, std::string&)
+try {
+    TOVRA_LOG_TRACE(logger(), kTrace, "Get parameter ", key != nullptr ? key : "", " PH=0x", hex(portHandle));
+    TOVRA_LOG_ERROR(logger(), kError, "Plugin function is not implemented");
+    return fail(err::NotImplemented);
+} catch (...) {
+    return fail(err::NotImplemented);
+}
+
+} // namespace tovra

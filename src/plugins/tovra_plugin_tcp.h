@@ -1,0 +1,65 @@
+#pragma once
+
+#include "plugins/ip_endpoint.h"
+#include "plugins/tovra_plugin.h"
+#include "protocol/protocol_frame.h"
+
+#include <cstdint>
+#include <string>
+
+namespace tovra {
+
+class TovraLogger;
+
+// Codes of the TCP transport.
+namespace tcperr {
+inline constexpr std::int32_t CannotCreateSocket = -1501;
+inline constexpr std::int32_t InvalidAddress = -1502;
+inline constexpr std::int32_t InvalidPort = -1503;
+inline constexpr std::int32_t CannotResolve = -1504;
+inline constexpr std::int32_t ConnectFailed = -1510;
+inline constexpr std::int32_t BindFailed = -1511;
+inline constexpr std::int32_t ListenFailed = -1512;
+inline constexpr std::int32_t AcceptFailed = -1513;
+inline constexpr std::int32_t SocketOptionFailed = -1515;
+inline constexpr std::int32_t TransmitFailed = -1520;
+inline constexpr std::int32_t ReceiveFailed = -1521;
+inline constexpr std::int32_t BufferOverflow = -1522;
+} // namespace tcperr
+
+// Whole protocol frames over one TCP connection, either connected to a reader or taken over
+// from the TCP listener. Transmit and receive may run on two threads at once: they share
+// only the socket.
+class TovraPluginTcp : public TovraPlugin {
+public:
+    explicit TovraPluginTcp(ConnectionRecord* owner);
+    ~TovraPluginTcp() override;
+
+    const char* pliGetErrorText(std::int32_t code) override;
+    const char* pliGetVersion() override;
+    // "tcp:ipaddress=...:port=...:connecttimeout=..."; a time-out below 1 ms connects blocking.
+    std::int32_t pliConnect(const char* connector) override;
+    // Takes over the accepted socket of a TovraListenerTcp.
+    std::int32_t pliAccept(TovraListener* listener) override;
+    std::int32_t pliDisconnect(std::int32_t portHandle) override;
+    std::int32_t pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length) override;
+    std::int32_t pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize) override;
+    std::int32_t pliPutParam(std::int32_t portHandle, const char* key, const char* value) override;
+    std::int32_t pliGetParam(std::int32_t portHandle, const char* key, std::string& value) override;
+
+private:
+    TovraLogger& logger() const;
+    bool blockingConnect();
+    bool nonblockingConnect(std::int32_t timeoutMs);
+    int closeSocket();
+    static std::int32_t newPortHandle();
+
+    IpEndpoint endpoint_;
+    ProtocolFrame frame_; // assembly of the frame being received
+    bool wsaStarted_ = false;
+    std::int32_t receiveTimeout_ = 300; // ms, for the header and again for the rest
+    std::int32_t portHandle_ = -1;      // for log lines only
+    std::string errorText_;
+};
+
+} // namespace tovra

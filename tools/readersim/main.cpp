@@ -1,0 +1,212 @@
+// tovra-readersim: a simulated reader on loopback TCP, driven from the command line.
+#include "readersim/reader_sim.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+using namespace tovra::readersim;
+
+namespace {
+
+const char* const kUsage =
+    "usage: tovra-readersim [options]\n"
+    "  --port N              listen on 127.0.0.1:N (default 0: the system chooses)\n"
+    "  --ipv6                listen on [::1] instead\n"
+    "  --connect HOST:PORT   connect to a listening host instead (127.0.0.1:N, [::1]:N)\n"
+    "  --reply CMD=HEX[/ST]  answer command CMD (hex) with status ST and data HEX\n"
+    "  --silent CMD          never answer command CMD (hex)\n"
+    "  --fault KIND[=VALUE]  silence | bad-crc | generation=std|adv|enh | no-direction |\n"
+    "                        length=N | close-mid-frame | trickle[=MS] | reset | flood[=N]\n"
+    "  --fault-count N       apply the fault to the next N responses only\n"
+    "  --until-eof           a server stops when standard input ends\n"
+    "  --verbose             print every frame\n"
+    "Runs until killed (a client: until its connection ends).\n";
+
+std::optional<unsigned long> number(const std::string& text, int base = 10) {
+    if (text.empty()) return std::nullopt;
+    char* end = nullptr;
+    const unsigned long value = std::strtoul(text.c_str(), &end, base);
+    if (*end != '\0') return std::nullopt;
+    return value;
+}
+
+std::optional<std::vector<std::uint8_t>> hexBytes(const std::string& text) {
+    if (text.size() % 2 != 0) return std::nullopt;
+    std::vector<std::uint8_t> bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2) {
+        const auto value = number(text.substr(i, 2), 16);
+        if (!value) return std::nullopt;
+        bytes.push_back(static_cast<std::uint8_t>(*value));
+    }
+    return bytes;
+}
+
+std::optional<std::uint8_t> command(const std::string& text) {
+    const auto value = number(text, 16);
+    if (!value || *value > 0xFF) return std::nullopt;
+    return static_cast<std::uint8_t>(*value);
+}
+
+// "CMD=HEX" or "CMD=HEX/ST"
+bool parseReply(const std::string& text, ReaderSim& sim) {
+    const auto equals = text.find('=');
+    if (equals == std::string::npos) return false;
+    const auto cmd = command(text.substr(0, equals));
+    std::string data = text.substr(equals + 1);
+    std::uint8_t status = 0;
+    if (const auto slash = data.find('/'); slash != std::string::npos) {
+        const auto st = command(data.substr(slash + 1));
+        if (!st) return false;
+        status = *st;
+        data.resize(slash);
+    }
+    const auto bytes = hexBytes(data);
+    if (!cmd || !bytes) return false;
+    sim.setReply(*cmd, Reply::with(*bytes, status));
+    return true;
+}
+
+std::optional<Fault> parseFault(const std::string& text) {
+    const auto equals = text.find('=');
+    const std::string kind = text.substr(0, equals);
+    const std::string value = equals == std::string::npos ? "" : text.substr(equals + 1);
+    Fault fault;
+    if (kind == "silence") {
+        fault.kind = FaultKind::silence;
+    } else if (kind == "bad-crc") {
+        fault.kind = FaultKind::badCrc;
+    } else if (kind == "no-direction") {
+        fault.kind = FaultKind::noDirection;
+    } else if (kind == "close-mid-frame") {
+        fault.kind = FaultKind::closeMidFrame;
+    } else if (kind == "reset") {
+        fault.kind = FaultKind::reset;
+    } else if (kind == "generation") {
+        fault.kind = FaultKind::wrongGeneration;
+        if (value == "std") fault.generation = Generation::standard;
+        else if (value == "adv") fault.generation = Generation::advanced;
+        else if (value == "enh") fault.generation = Generation::enhanced;
+        else return std::nullopt;
+    } else if (kind == "length") {
+        const auto n = number(value);
+        if (!n || *n > 0xFFFF) return std::nullopt;
+        fault.kind = FaultKind::declaredLength;
+        fault.declaredLength = static_cast<std::uint16_t>(*n);
+    } else if (kind == "trickle") {
+        fault.kind = FaultKind::trickle;
+        if (!value.empty()) {
+            const auto n = number(value);
+            if (!n) return std::nullopt;
+            fault.byteDelay = std::chrono::milliseconds(*n);
+        }
+    } else if (kind == "flood") {
+        fault.kind = FaultKind::flood;
+        if (!value.empty()) {
+            const auto n = number(value);
+            if (!n || *n > 1000000) return std::nullopt;
+            fault.floodCount = static_cast<int>(*n);
+        }
+    } else {
+        return std::nullopt;
+    }
+    return fault;
+}
+
+int usageError(const std::string& message) {
+    std::fprintf(stderr, "tovra-readersim: %s\n%s", message.c_str(), kUsage);
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::mutex printing;  // outlives the simulator, which prints through it
+    ReaderSim sim;
+    bool verbose = false, untilEof = false, ipv6 = false;
+    unsigned long port = 0;
+    std::string connectTo;
+    std::optional<Fault> fault;
+    std::optional<unsigned long> faultCount;
+
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        const bool hasValue = i + 1 < argc;
+        const std::string value = hasValue ? argv[i + 1] : "";
+        const auto needsValue = [&] { return hasValue ? (++i, true) : false; };
+        if (option == "--help" || option == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        } else if (option == "--verbose") {
+            verbose = true;
+        } else if (option == "--until-eof") {
+            untilEof = true;
+        } else if (option == "--ipv6") {
+            ipv6 = true;
+        } else if (option == "--port") {
+            const auto n = needsValue() ? number(value) : std::nullopt;
+            if (!n || *n > 65535) return usageError("--port needs a number from 0 to 65535");
+            port = *n;
+        } else if (option == "--connect") {
+            if (!needsValue()) return usageError("--connect needs HOST:PORT");
+            connectTo = value;
+        } else if (option == "--reply") {
+            if (!needsValue() || !parseReply(value, sim)) return usageError("bad --reply " + value);
+        } else if (option == "--silent") {
+            const auto cmd = needsValue() ? command(value) : std::nullopt;
+            if (!cmd) return usageError("bad --silent " + value);
+            sim.setReply(*cmd, Reply::none());
+        } else if (option == "--fault") {
+            fault = needsValue() ? parseFault(value) : std::nullopt;
+            if (!fault) return usageError("bad --fault " + value);
+        } else if (option == "--fault-count") {
+            faultCount = needsValue() ? number(value) : std::nullopt;
+            if (!faultCount || *faultCount == 0 || *faultCount > 1000000000) {
+                return usageError("--fault-count needs a positive number");
+            }
+        } else {
+            return usageError("unknown option " + option);
+        }
+    }
+    if (fault) {
+        if (faultCount) fault->count = static_cast<int>(*faultCount);
+        sim.setFault(*fault);
+    }
+    sim.setLog(
+        [&printing](const std::string& line) {
+            std::lock_guard lock(printing);
+            std::printf("%s\n", line.c_str());
+            std::fflush(stdout);
+        },
+        verbose);
+
+    if (!connectTo.empty()) {
+        const auto colon = connectTo.rfind(':');
+        const auto target = colon == std::string::npos ? std::nullopt : number(connectTo.substr(colon + 1));
+        if (!target || *target == 0 || *target > 65535) return usageError("--connect needs HOST:PORT");
+        if (!sim.connect(connectTo.substr(0, colon), static_cast<std::uint16_t>(*target))) {
+            std::fprintf(stderr, "tovra-readersim: cannot connect to %s\n", connectTo.c_str());
+            return 1;
+        }
+    } else if (!sim.listen(static_cast<std::uint16_t>(port), ipv6)) {
+        std::fprintf(stderr, "tovra-readersim: cannot listen on port %lu\n", port);
+        return 1;
+    }
+
+    if (!connectTo.empty()) {
+        while (!sim.waitForDisconnect(std::chrono::hours(1))) {
+        }
+    } else if (untilEof) {
+        for (int c = std::getchar(); c != EOF; c = std::getchar()) {
+        }
+    } else {
+        for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+    }
+    sim.stop();
+    return 0;
+}
