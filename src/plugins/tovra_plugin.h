@@ -32,6 +32,9 @@ public:
     virtual std::int32_t pliPutParam(std::int32_t portHandle, const char* key, const char* value);
     virtual std::int32_t pliGetParam(std::int32_t portHandle, const char* key, std::string& value);
     virtual std::int32_t pliGetLastError(std::int32_t portHandle);
+    // Ends a receive that is waiting, ahead of a disconnect by the host: the connection is
+    // of no further use afterwards. Transports that cannot do it leave the wait to run out.
+    virtual void pliAbortReceive() {}
 
     std::int32_t kind() const { return kind_; }
 

@@ -268,6 +268,13 @@ try {
     return fail(err::DisconnectFailed);
 }
 
+void TovraPluginTcp::pliAbortReceive()
+{
+    // Shutting both directions down wakes the wait at once with an end of stream; the
+    // socket itself stays open until pliDisconnect closes it.
+    if (endpoint_.valid()) platform::shutdownSocket(endpoint_.socket());
+}
+
 int TovraPluginTcp::closeSocket()
 {
     const platform::SocketHandle s = endpoint_.socket();

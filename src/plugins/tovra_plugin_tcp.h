@@ -42,6 +42,7 @@ public:
     // Takes over the accepted socket of a TovraListenerTcp.
     std::int32_t pliAccept(TovraListener* listener) override;
     std::int32_t pliDisconnect(std::int32_t portHandle) override;
+    void pliAbortReceive() override;
     std::int32_t pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length) override;
     std::int32_t pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize) override;
     std::int32_t pliPutParam(std::int32_t portHandle, const char* key, const char* value) override;

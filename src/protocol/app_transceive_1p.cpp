@@ -21,8 +21,8 @@ std::int32_t TovraAppTransceive1P::transceive(const std::uint8_t* payload, std::
     if (payload == nullptr || response == nullptr || responseLength == nullptr) return err::NullPointer;
     if (payloadLength == 0) return err::PayloadTooLarge;
 
+    std::lock_guard exchange(exchangeLock_);
     std::unique_lock lock(lock_);
-    // Building the request under the lock keeps concurrent callers off the one request frame.
     if (!buildFrame(*request_, payload, payloadLength, record_.frameType(), kDirectionRequest, record_.busAddress()))
         return err::PayloadTooLarge;
     // A response that came while nobody waited stays where it is (its buffer stays in use).

@@ -43,6 +43,9 @@ private:
     ProtocolFrame* pendingResponse_ = nullptr; // one of the receiver's buffers
     std::atomic<bool> receiverEnded_{false};
     std::atomic<std::uint32_t> responseTimeout_{5000};
+    // Held for a whole exchange, wait included, so that concurrent callers neither share
+    // the request frame nor take each other's responses.
+    std::mutex exchangeLock_;
     std::mutex lock_;
     std::condition_variable responseArrived_;
 };

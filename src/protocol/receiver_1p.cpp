@@ -43,6 +43,9 @@ void TovraReceiver1P::terminate()
 {
     if (!thread_.exists()) return;
     stop();
+    // The host is closing the connection: wake the plugin's wait instead of letting it run out.
+    if (!thread_.finished())
+        if (TovraPlugin* plugin = record_.plugin()) plugin->pliAbortReceive();
     thread_.join();
     callback_.terminate();
 }
@@ -87,8 +90,11 @@ void TovraReceiver1P::run()
         }
         const std::int32_t received = record_.receive().receiveProtocol(*buffer);
         if (received == err::DisconnectedByPeer) {
-            TOVRA_LOG_TRACE(logger, logcat::Reader, "Detected disconnect by reader");
-            disconnectedByReader = true;
+            // After a stop the end of stream comes from the host's own shutdown.
+            if (!thread_.stopRequested()) {
+                TOVRA_LOG_TRACE(logger, logcat::Reader, "Detected disconnect by reader");
+                disconnectedByReader = true;
+            }
             release(*buffer);
             break;
         }

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace tovra::test {
+
+// Polls `condition` until it holds or `limit` passes; generous limits, no timing luck.
+template <typename Condition>
+bool waitUntil(Condition condition, std::chrono::milliseconds limit = std::chrono::milliseconds(10000))
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+} // namespace tovra::test
