@@ -98,8 +98,7 @@ void TovraAppCallback1P::run()
 
 void TovraAppCallback1P::closeConnection()
 {
-    if (TovraPlugin* plugin = record_.plugin()) plugin->pliDisconnect(record_.portHandle());
-    record_.setPortHandle(-1);
+    record_.disconnectPlugin();
     if (TovraReader* reader = record_.reader()) reader->connectionClosed(record_);
 }
 

@@ -44,8 +44,7 @@ void TovraReceiver1P::terminate()
     if (!thread_.exists()) return;
     stop();
     // The host is closing the connection: wake the plugin's wait instead of letting it run out.
-    if (!thread_.finished())
-        if (TovraPlugin* plugin = record_.plugin()) plugin->pliAbortReceive();
+    if (!thread_.finished()) record_.abortPluginReceive();
     thread_.join();
     callback_.terminate();
 }

@@ -20,6 +20,13 @@ void ConnectionRecord::createHelpers()
     receive_ = std::make_unique<TovraReceive>(*this);
 }
 
+void ConnectionRecord::abortPluginReceive()
+{
+    // Under the lock that closing and releasing the plugin take, so it cannot vanish meanwhile.
+    std::lock_guard guard(transmitLockOf());
+    if (plugin_) plugin_->pliAbortReceive();
+}
+
 std::mutex& ConnectionRecord::transmitLockOf()
 {
     // Records used without helpers (none in a module's unused channels) have nothing to exclude.

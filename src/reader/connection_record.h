@@ -41,6 +41,8 @@ public:
     // Closes the plugin's connection (pliDisconnect) and marks the channel disconnected;
     // 0 or the plugin's result.
     std::int32_t disconnectPlugin();
+    // Wakes a receive that waits on the plugin, ahead of a disconnect by the host.
+    void abortPluginReceive();
     // 0, -5009 (null text), -5008 (already listening) or -5030.
     std::int32_t createListener(const char* listenerText);
     void destroyListener();

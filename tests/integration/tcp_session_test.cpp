@@ -297,6 +297,7 @@ TEST_F(TcpSession, ReaderRequestsAreAnsweredThroughTheCallback)
     Bytes response;
     EXPECT_EQ(transceive(patterned(5), response), 0);
     EXPECT_EQ(response, echoOf(patterned(5)));
+    EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0); // joins the callback thread before `answer` goes
 }
 
 TEST_F(TcpSession, FourApplicationThreadsShareOneReader)
