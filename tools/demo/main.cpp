@@ -1,0 +1,102 @@
+// tovra-demo: connects to a simulated reader on loopback and shows the library's main use:
+// request/response exchanges, a time-out, a request of the reader answered by the
+// application, and the disconnect.
+#include "api/error_texts.h"
+#include "readersim/reader_sim.h"
+#include "tovra/tovra.h"
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using tovra::readersim::ReaderSim;
+using tovra::readersim::Reply;
+using Bytes = std::vector<std::uint8_t>;
+
+std::string hex(const std::uint8_t* data, std::size_t length)
+{
+    std::string text;
+    char byte[4];
+    for (std::size_t i = 0; i < length; ++i) {
+        std::snprintf(byte, sizeof byte, "%02X ", data[i]);
+        text += byte;
+    }
+    if (!text.empty()) text.pop_back();
+    return text;
+}
+
+void exchange(std::int32_t reader, const Bytes& request, const char* what)
+{
+    std::uint8_t response[256];
+    std::uint64_t length = sizeof response;
+    std::printf("  >> %-14s %s\n", hex(request.data(), request.size()).c_str(), what);
+    const std::int32_t result = TOVRA_Transceive(reader, request.data(), request.size(), response, &length);
+    if (result != 0) {
+        std::printf("  !! %d  %s\n", result, TOVRA_GetLastErrorText(reader));
+        return;
+    }
+    const std::string status = length >= 2 ? tovra::readerStatusText(response[1]) : "";
+    std::printf("  << %-14s status: %s\n", hex(response, static_cast<std::size_t>(length)).c_str(), status.c_str());
+}
+
+// The application's answer to a request the reader sends on its own.
+std::int32_t TOVRA_CALL onReaderRequest(std::int32_t reader, void* context, const std::uint8_t* request,
+                                        std::uint64_t length, std::uint8_t** response, std::uint64_t* responseLength)
+{
+    auto* answer = static_cast<Bytes*>(context);
+    std::printf("  reader %d asks:   %s\n", reader, hex(request, static_cast<std::size_t>(length)).c_str());
+    *answer = {request[0], 0x00, 0x4F, 0x4B}; // command, status Ok, "OK"
+    *response = answer->data();
+    *responseLength = answer->size();
+    return 0;
+}
+
+} // namespace
+
+int main()
+{
+    std::printf("tovra %s demo: a simulated reader on 127.0.0.1\n\n", TOVRA_GetVersion());
+
+    ReaderSim sim;
+    sim.setReply(0x65, Reply::with({0x01, 0x02, 0x03}));  // "read": three data bytes
+    sim.setReply(0x22, Reply::with({}, 0x01));            // "select": no transponder
+    sim.setReply(0x30, Reply::none());                    // never answered
+    if (!sim.listen()) {
+        std::printf("cannot start the simulated reader\n");
+        return 1;
+    }
+
+    const std::string connector = "tcp:IPAddress=127.0.0.1:Port=" + std::to_string(sim.port());
+    const std::int32_t reader = TOVRA_Create(2, connector.c_str());
+    std::printf("1. Connect   %s\n", connector.c_str());
+    if (TOVRA_ConnectByHost(reader, nullptr) != 0) {
+        std::printf("  !! %s\n", TOVRA_GetLastErrorText(reader));
+        return 1;
+    }
+    std::printf("  state: %s\n\n", TOVRA_GetConnectionState(reader));
+
+    std::printf("2. Requests and responses (payload = command, data; response = command, status, data)\n");
+    exchange(reader, {0x65, 0x00}, "read");
+    exchange(reader, {0x22}, "select");
+    exchange(reader, {0x10, 0xAB, 0xCD}, "any other: echoed");
+
+    std::printf("\n3. A request the reader does not answer, with a 300 ms receive timeout\n");
+    TOVRA_SetReceiveTimeout(reader, 300);
+    exchange(reader, {0x30}, "no answer");
+
+    std::printf("\n4. The reader sends a request of its own; the application answers it\n");
+    Bytes answer;
+    TOVRA_SetReaderRequestCallback(reader, &answer, onReaderRequest);
+    sim.waitForConnection(5000ms);
+    const auto reply = sim.sendRequest({0x70, 0x11});
+    std::printf("  reader got back: %s\n", reply ? hex(reply->data(), reply->size()).c_str() : "(nothing)");
+
+    std::printf("\n5. Disconnect\n");
+    TOVRA_DisconnectByHost(reader);
+    std::printf("  state: %s\n", TOVRA_GetConnectionState(reader));
+    TOVRA_Delete(reader);
+    return 0;
+}
