@@ -1,0 +1,129 @@
+// Round trips against the reader simulator on loopback: the library's transceive beside a
+// plain blocking-socket client that sends the same frames to the same simulator.
+#include "platform/net.h"
+#include "readersim/frame_codec.h"
+#include "readersim/reader_sim.h"
+#include "tovra/tovra.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace net = tovra::platform;
+using Clock = std::chrono::steady_clock;
+using Bytes = std::vector<std::uint8_t>;
+
+const Bytes kRequest = {0x65, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06,
+                        0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E};
+
+tovra::readersim::ReaderSim& simulator()
+{
+    static tovra::readersim::ReaderSim sim;
+    static const bool listening = sim.listen();
+    (void)listening;
+    return sim;
+}
+
+double p50OfLibrary = 0;
+double p50OfPlain = 0;
+
+// Reports round trips per second and the 50th and 99th percentile in microseconds.
+double report(benchmark::State& state, std::vector<double>& micros)
+{
+    if (micros.empty()) return 0;
+    std::sort(micros.begin(), micros.end());
+    const double p50 = micros[micros.size() / 2];
+    state.counters["p50_us"] = p50;
+    state.counters["p99_us"] = micros[micros.size() * 99 / 100];
+    state.counters["round_trips"] = benchmark::Counter(static_cast<double>(micros.size()), benchmark::Counter::kIsRate);
+    return p50;
+}
+
+void BM_LibraryTransceive(benchmark::State& state)
+{
+    const std::string connector = "tcp:IPAddress=127.0.0.1:Port=" + std::to_string(simulator().port());
+    const std::int32_t reader = TOVRA_Create(2, connector.c_str());
+    if (TOVRA_ConnectByHost(reader, nullptr) != 0) {
+        state.SkipWithError(TOVRA_GetLastErrorText(reader));
+        TOVRA_Delete(reader);
+        return;
+    }
+    std::vector<double> micros;
+    std::uint8_t response[64];
+    for (auto _ : state) {
+        std::uint64_t length = sizeof response;
+        const auto start = Clock::now();
+        if (TOVRA_Transceive(reader, kRequest.data(), kRequest.size(), response, &length) != 0) {
+            state.SkipWithError(TOVRA_GetLastErrorText(reader));
+            break;
+        }
+        micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    p50OfLibrary = report(state, micros);
+    TOVRA_DisconnectByHost(reader);
+    TOVRA_Delete(reader);
+}
+BENCHMARK(BM_LibraryTransceive)->UseRealTime()->MinTime(2.0);
+
+bool receiveExactly(net::SocketHandle s, std::uint8_t* into, std::size_t length)
+{
+    for (std::size_t got = 0; got < length;) {
+        const auto n = net::recvBytes(s, into + got, length - got);
+        if (n <= 0) return false;
+        got += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void BM_PlainSocketClient(benchmark::State& state)
+{
+    tovra::readersim::Frame frame;
+    frame.flags = tovra::readersim::kDirectionRequest;
+    frame.payload = kRequest;
+    const Bytes wire = tovra::readersim::encode(frame);
+
+    net::SocketAddress address{};
+    net::parseNumericAddress("127.0.0.1", simulator().port(), address);
+    const net::SocketHandle s = net::openSocket(net::AddressFamily::ipv4, net::SocketKind::stream);
+    if (net::connectSocket(s, address) != 0) {
+        state.SkipWithError("connect failed");
+        net::closeSocket(s);
+        return;
+    }
+    net::setNoDelay(s, true);
+    std::vector<double> micros;
+    std::uint8_t response[64];
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        bool ok = net::sendBytes(s, wire.data(), wire.size()) == static_cast<std::ptrdiff_t>(wire.size()) &&
+                  receiveExactly(s, response, 3);
+        const std::size_t length = ok ? (std::size_t{response[1]} << 8 | response[2]) : 0;
+        ok = ok && length >= 3 && length <= sizeof response && receiveExactly(s, response + 3, length - 3);
+        if (!ok) {
+            state.SkipWithError("exchange failed");
+            break;
+        }
+        micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    p50OfPlain = report(state, micros);
+    net::closeSocket(s);
+}
+BENCHMARK(BM_PlainSocketClient)->UseRealTime()->MinTime(2.0);
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    if (p50OfLibrary > 0 && p50OfPlain > 0)
+        std::printf("p50 library / plain client: %.2f (goal: at most 1.5)\n", p50OfLibrary / p50OfPlain);
+    return 0;
+}
