@@ -215,36 +215,6 @@ TEST_F(ReaderSimServer, FaultsShapeTheResponse) {
     EXPECT_EQ(client.inbox()[2], 0x01);
 }
 
-TEST_F(ReaderSimServer, EndsConnectionsOnFaultOrRequest) {
-    {
-        RawPeer client = peer();
-        sim.setFault(FaultKind::closeMidFrame);
-        client.send(Frame{Generation::enhanced, 0x01, kDirectionRequest, pattern(20, 0x50)});
-        EXPECT_TRUE(client.closedByPeer());
-        EXPECT_FALSE(client.inbox().empty());
-        EXPECT_EQ(decode(client.inbox()).status, Decoded::Status::incomplete);
-    }
-    sim.clearFault();
-    for (const bool reset : {false, true}) {
-        RawPeer client = peer();
-        reset ? sim.resetConnection() : sim.closeConnection();
-        EXPECT_FALSE(sim.isConnected());
-        EXPECT_TRUE(client.closedByPeer());
-    }
-    EXPECT_EQ(sim.connectionsAccepted(), 3U);
-}
-
-TEST_F(ReaderSimServer, ServesSequentialConnections) {
-    constexpr std::size_t kCycles = 200;
-    for (std::size_t i = 0; i < kCycles; ++i) {
-        RawPeer client = RawPeer::connectTo(sim.port());
-        client.send(Frame{Generation::enhanced, 0x01, kDirectionRequest, {0x60, static_cast<std::uint8_t>(i)}});
-        ASSERT_EQ(client.receive().frame.payload, (Bytes{0x60, 0x00, static_cast<std::uint8_t>(i)}));
-    }
-    EXPECT_TRUE(sim.waitForConnections(kCycles, kPatience));
-    EXPECT_TRUE(sim.waitForDisconnect(kPatience));
-}
-
 TEST_F(ReaderSimServer, OwnRequestsWaitForTheHostsResponse) {
     RawPeer host = peer();
     EXPECT_FALSE(sim.sendRequest({0x70}, kDirectionRequest, milliseconds(50)).has_value());
