@@ -3,6 +3,7 @@
 #include "plugins/tovra_plugin.h"
 #include "protocol/tovra_transmit.h"
 #include "reader/claim_guard.h"
+#include "reader/connection_gate.h"
 
 #include <atomic>
 #include <cstdint>
@@ -79,8 +80,11 @@ public:
     std::string connectionText() const;
     void setConnectionText(std::string text);
 
-    // What a listener calls once it has accepted a reader's connection.
+    // What a listener calls once it has accepted a reader's connection and taken the gate:
+    // 0 or more keeps the connection (and the gate, until the connection ends).
     std::function<std::int32_t(ConnectionRecord&)> acceptedEntry;
+    // Held while a reader that connected to the host is connected.
+    ConnectionGate& connectionGate() { return gate_; }
 
 private:
     std::mutex& transmitLockOf();
@@ -99,6 +103,7 @@ private:
     std::unique_ptr<TovraPlugin> plugin_;
     std::unique_ptr<TovraListener> listener_;
     ClaimGuard claim_;
+    ConnectionGate gate_;
     std::mutex spareLock_;
 
     // Texts that application threads read while others replace them.
