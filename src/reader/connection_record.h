@@ -85,6 +85,9 @@ public:
     std::function<std::int32_t(ConnectionRecord&)> acceptedEntry;
     // Held while a reader that connected to the host is connected.
     ConnectionGate& connectionGate() { return gate_; }
+    // Whether the current connection came through a listener, which holds the gate for it.
+    void setAccepted(bool accepted) { accepted_.store(accepted); }
+    bool takeAccepted() { return accepted_.exchange(false); }
 
 private:
     std::mutex& transmitLockOf();
@@ -104,6 +107,7 @@ private:
     std::unique_ptr<TovraListener> listener_;
     ClaimGuard claim_;
     ConnectionGate gate_;
+    std::atomic<bool> accepted_{false};
     std::mutex spareLock_;
 
     // Texts that application threads read while others replace them.

@@ -4,7 +4,9 @@
 #include "api/version.h"
 #include "logging/log.h"
 #include "protocol/app_callback_1p.h"
+#include "protocol/app_channel_2p.h"
 #include "protocol/app_transceive_1p.h"
+#include "protocol/rdr_channel_2p.h"
 #include "protocol/receiver_1p.h"
 #include "reader/connector.h"
 #include "tovra/zk_parameter.h"
@@ -58,7 +60,10 @@ TovraReader::TovraReader(std::int32_t moduleKind, const char* connector)
         app_.setName("AppCh");
         rdr_.createHelpers();
         rdr_.setName("RdrCh");
+        appChannel2P_ = std::make_unique<TovraAppChannel2P>(app_);
+        rdrChannel2P_ = std::make_unique<TovraRdrChannel2P>(rdr_);
     }
+    readerRecord().acceptedEntry = [this](ConnectionRecord& record) { return connectByReaderAccepted(record); };
     TOVRA_LOG_TRACE(logger_, logcat::Reader, "... ", isOnePort() ? "1port" : "2port",
                     " module created - frameType=", frameTypeLabel(host.frameType()), " connector=",
                     host.connector());
@@ -73,6 +78,8 @@ TovraReader::~TovraReader()
     receiver1P_.reset();
     transceive1P_.reset();
     callback1P_.reset();
+    appChannel2P_.reset();
+    rdrChannel2P_.reset();
     single_.destroyHelpers();
     app_.destroyHelpers();
     rdr_.destroyHelpers();
@@ -104,6 +111,7 @@ void TovraReader::terminate()
     terminating_.store(true);
     // Releases whatever waits inside the channels; nothing is joined here.
     if (receiver1P_) receiver1P_->stop();
+    if (rdrChannel2P_) rdrChannel2P_->stop();
     for (ConnectionRecord* record : {&single_, &app_, &rdr_})
         if (record->hasHelpers()) record->receive().abort();
 }
@@ -165,9 +173,9 @@ std::int32_t TovraReader::transceive(const std::uint8_t* request, std::uint64_t 
         return fail(err::NotConnected);
     }
     TOVRA_LOG_TRACE(logger_, logcat::Reader, channelWords(), " transceive >> ", requestLength, " bytes");
-    // The two-port application channel arrives with the listening side.
-    const std::int32_t result = isOnePort() ? transceive1P_->transceive(request, requestLength, response, responseLength)
-                                            : err::NotImplemented;
+    const std::int32_t result = isOnePort()
+                                    ? transceive1P_->transceive(request, requestLength, response, responseLength)
+                                    : appChannel2P_->transceive(request, requestLength, response, responseLength);
     if (result < 0) return fail(result);
     lastError_.store(result);
     TOVRA_LOG_TRACE(logger_, logcat::Reader, channelWords(), " transceive << ", *responseLength, " bytes");
@@ -212,6 +220,8 @@ std::int32_t TovraReader::startListener(const char* listenerText)
     ConnectionRecord& record = readerRecord();
     const std::int32_t created = record.createListener(listenerText);
     if (created < 0) return fail(created);
+    // Accepted connections get their plugin from this text.
+    record.setConnector(listenerText);
     TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port listen: " : "2port reader channel listen: ",
                     listenerText);
     TovraListener* listener = record.listener();
@@ -231,9 +241,11 @@ std::int32_t TovraReader::stopListener()
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "Shutdown 1port connection and listener ..."
                                 : "Shutdown 2port reader channel connection and listener ...");
+    // The listener goes first, so that no reader is accepted behind the check below.
+    record.destroyListener();
     if (record.claim().tryClaim()) record.claim().free();
     else if (isOnePort()) receiver1P_->terminate();
-    record.destroyListener();
+    else rdrChannel2P_->terminate();
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "... 1port listener stopped" : "... 2port reader channel listener stopped");
     return err::Ok;
@@ -350,10 +362,51 @@ std::int32_t TovraReader::readerRequest(ConnectionRecord& record, const Protocol
     return 0;
 }
 
+std::int32_t TovraReader::connectByReaderAccepted(ConnectionRecord& record)
+{
+    if (terminating()) {
+        TOVRA_LOG_TRACE(logger_, logcat::Reader, "Terminating: connection request canceled");
+        return err::AcceptWhileTerminating;
+    }
+    if (!isOnePort()) rdrChannel2P_->terminate();
+    // A channel that the host has connected meanwhile cannot take the reader's connection.
+    if (!record.claim().tryClaim()) return fail(err::ConnectFailed);
+
+    const std::int32_t created = record.createPlugin(nullptr);
+    if (created < 0) {
+        record.claim().free();
+        return fail(created);
+    }
+    TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port accept: " : "2port reader channel accept: ",
+                    record.connectionText());
+    TovraPlugin* plugin = record.plugin();
+    const std::int32_t port = plugin != nullptr ? plugin->pliAccept(record.listener()) : err::CannotLoadPlugin;
+    if (port < 0) {
+        lastError_.store(port);
+        TOVRA_LOG_ERROR(logger_, kReaderErrors, record.errorText(port));
+        record.releasePlugin();
+        record.claim().free();
+        return port;
+    }
+    record.setPortHandle(port);
+    record.setAccepted(true);
+    if (isOnePort()) {
+        receiver1P_->terminate(); // reaps the threads of an earlier connection
+        transceive1P_->setResponseTimeout(kConnectTimeoutMs);
+        transceive1P_->resetReceiverEnded();
+        receiver1P_->start(true);
+    } else {
+        rdrChannel2P_->start();
+    }
+    return err::Ok;
+}
+
 void TovraReader::connectionClosed(ConnectionRecord& record)
 {
     record.releasePlugin();
     record.claim().free();
+    // The listener took the gate for this connection: the next reader may come now.
+    if (record.takeAccepted()) record.connectionGate().release();
 }
 
 void TovraReader::setFrameType(std::uint8_t frameType)

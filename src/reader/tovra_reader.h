@@ -12,6 +12,8 @@
 namespace tovra {
 
 class TovraAppCallback1P;
+class TovraAppChannel2P;
+class TovraRdrChannel2P;
 class TovraAppTransceive1P;
 class TovraReceiver1P;
 struct ProtocolFrame;
@@ -61,6 +63,10 @@ public:
     // Writes the frame generation into all three records.
     void setFrameType(std::uint8_t frameType);
 
+    // Called by a listener's thread once it has accepted a reader's connection for `record`:
+    // 0 keeps the connection, a negative code declines it.
+    std::int32_t connectByReaderAccepted(ConnectionRecord& record);
+
     // Called by the channel thread that serves a connection the reader made.
     void connectedByReader(ConnectionRecord& record);
     void disconnectedByReader(ConnectionRecord& record);
@@ -106,6 +112,9 @@ private:
     std::unique_ptr<TovraAppTransceive1P> transceive1P_;
     std::unique_ptr<TovraAppCallback1P> callback1P_;
     std::unique_ptr<TovraReceiver1P> receiver1P_;
+    // Two-port channel objects (none in a one-port module).
+    std::unique_ptr<TovraAppChannel2P> appChannel2P_;
+    std::unique_ptr<TovraRdrChannel2P> rdrChannel2P_;
 };
 
 // Takes the next reader handle: 1, 2, 3, ... with the top four bits cleared.

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "protocol/protocol_frame.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+namespace tovra {
+
+class ConnectionRecord;
+
+// The application channel of a two-port module: a request out, its response back, on the
+// caller's thread.
+class TovraAppChannel2P {
+public:
+    explicit TovraAppChannel2P(ConnectionRecord& record) : record_(record) {}
+
+    // 0, -5010 (null response buffer or length), -5017 (too large) or the transmit or receive
+    // error. A null or empty payload only receives.
+    std::int32_t transceive(const std::uint8_t* payload, std::uint64_t payloadLength, std::uint8_t* response,
+                            std::uint64_t* responseLength);
+
+private:
+    ConnectionRecord& record_;
+    // Callers on several threads would otherwise share the two frames.
+    std::mutex exchangeLock_;
+    std::unique_ptr<ProtocolFrame> request_ = std::make_unique<ProtocolFrame>();
+    std::unique_ptr<ProtocolFrame> response_ = std::make_unique<ProtocolFrame>();
+};
+
+} // namespace tovra
