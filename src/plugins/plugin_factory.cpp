@@ -1,6 +1,7 @@
 #include "plugins/plugin_factory.h"
 
 #include "api/error_codes.h"
+#include "plugins/tovra_listener_tcp.h"
 #include "plugins/tovra_plugin_tcp.h"
 #include "plugins/unavailable_transport.h"
 #include "reader/connector.h"
@@ -37,7 +38,7 @@ std::int32_t createListener(std::int32_t connectorType, ConnectionRecord& owner,
     try {
         switch (connectorType) {
         case kConnectorCom: listener = std::make_unique<TovraListenerUnavailable>(&owner, connectorType); break;
-        case kConnectorTcp: listener = std::make_unique<TovraListenerUnavailable>(&owner, connectorType); break;
+        case kConnectorTcp: listener = std::make_unique<TovraListenerTcp>(&owner); break;
         case kConnectorGadget: listener = std::make_unique<TovraListenerUnavailable>(&owner, connectorType); break;
         default: return err::InvalidListenerType;
         }

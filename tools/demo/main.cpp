@@ -5,7 +5,9 @@
 #include "readersim/reader_sim.h"
 #include "tovra/tovra.h"
 
+#include <atomic>
 #include <cstdio>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,19 @@ using namespace std::chrono_literals;
 using tovra::readersim::ReaderSim;
 using tovra::readersim::Reply;
 using Bytes = std::vector<std::uint8_t>;
+
+void TOVRA_CALL onConnected(std::int32_t reader, void*, const char* connection)
+{
+    std::printf("  reader %d connected: %s\n", reader, connection);
+}
+
+std::atomic<bool> readerLeft{false};
+
+void TOVRA_CALL onDisconnected(std::int32_t reader, void*)
+{
+    std::printf("  reader %d disconnected\n", reader);
+    readerLeft = true;
+}
 
 std::string hex(const std::uint8_t* data, std::size_t length)
 {
@@ -98,5 +113,32 @@ int main()
     TOVRA_DisconnectByHost(reader);
     std::printf("  state: %s\n", TOVRA_GetConnectionState(reader));
     TOVRA_Delete(reader);
+
+    std::printf("\n6. The other way round: the demo listens, a reader connects and asks\n");
+    std::uint16_t port = 0;
+    {
+        ReaderSim probe; // borrows a free loopback port
+        if (probe.listen()) port = probe.port();
+    }
+    const std::string listener = "tcp:IPAddress=127.0.0.1:Port=" + std::to_string(port);
+    const std::int32_t host = TOVRA_Create(2, nullptr);
+    TOVRA_SetReaderConnectedCallbacks(host, nullptr, onConnected, onDisconnected);
+    TOVRA_SetReaderRequestCallback(host, &answer, onReaderRequest);
+    if (TOVRA_StartListener(host, listener.c_str()) != 0) {
+        std::printf("  !! %s\n", TOVRA_GetLastErrorText(host));
+        return 1;
+    }
+    std::printf("  listening: %s\n", listener.c_str());
+    ReaderSim visitor;
+    if (visitor.connect("127.0.0.1", port)) {
+        for (const Bytes& request : {Bytes{0x72, 0x01}, Bytes{0x73, 0x02, 0x03}}) {
+            const auto got = visitor.sendRequest(request);
+            std::printf("  reader got back: %s\n", got ? hex(got->data(), got->size()).c_str() : "(nothing)");
+        }
+        visitor.closeConnection();
+        for (int i = 0; i < 200 && !readerLeft; ++i) std::this_thread::sleep_for(10ms);
+    }
+    TOVRA_StopListener(host);
+    TOVRA_Delete(host);
     return 0;
 }

@@ -1,0 +1,321 @@
+#include "plugins/tovra_listener_tcp.h"
+
+#include "api/error_codes.h"
+#include "logging/log.h"
+#include "parameter/atoi_like.h"
+#include "plugins/tovra_plugin_tcp.h"
+#include "reader/connection_record.h"
+#include "tovra/zk_parameter.h"
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+
+namespace tovra {
+namespace {
+
+constexpr std::uint32_t kTrace = logcat::Tcp;
+constexpr std::uint32_t kError = logcat::Error | logcat::Tcp;
+
+// How long one wait on the listen socket lasts: also the longest a stop waits for the worker.
+constexpr int kWaitMs = 300;
+constexpr auto kGateWait = std::chrono::milliseconds(100);
+constexpr auto kRetryPause = std::chrono::milliseconds(100);
+
+std::string hex(std::int32_t value)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    auto bits = static_cast<std::uint32_t>(value);
+    std::string text;
+    do {
+        text.insert(text.begin(), digits[bits & 0xF]);
+        bits >>= 4;
+    } while (bits != 0);
+    return text;
+}
+
+std::string natError() { return "NatError=" + std::to_string(platform::lastSocketError()); }
+
+// Releases the gate when the hand-over ends, unless the owner kept the connection.
+class GateHold {
+public:
+    explicit GateHold(ConnectionGate& gate) : gate_(gate) {}
+    ~GateHold()
+    {
+        if (!kept_) gate_.release();
+    }
+    GateHold(const GateHold&) = delete;
+    GateHold& operator=(const GateHold&) = delete;
+    void keep() { kept_ = true; }
+
+private:
+    ConnectionGate& gate_;
+    bool kept_ = false;
+};
+
+} // namespace
+
+TovraListenerTcp::TovraListenerTcp(ConnectionRecord* owner) : TovraListener(owner)
+{
+    kind_ = 3;
+    listenEndpoint_.reset();
+    acceptEndpoint_.reset();
+    setDefaults();
+    const int started = platform::startNetwork();
+    wsaStarted_ = started == 0;
+    if (!wsaStarted_) {
+        try {
+            TOVRA_LOG_ERROR(logger(), kError, "WSAStartup error ", started);
+        } catch (...) {
+        }
+    }
+}
+
+TovraListenerTcp::~TovraListenerTcp()
+{
+    stop();
+    if (wsaStarted_) platform::stopNetwork();
+}
+
+TovraLogger& TovraListenerTcp::logger() const { return owner_->logger(); }
+
+void TovraListenerTcp::setDefaults()
+{
+    backlog_ = 5;
+    keepIdle_ = 1;
+    keepCount_ = 5;
+    keepInterval_ = 1;
+    keepAlive_ = true;
+}
+
+std::int32_t TovraListenerTcp::start(const char* connector)
+try {
+    TOVRA_LOG_TRACE(logger(), kTrace, "Start ", connector != nullptr ? connector : "");
+    if (connector == nullptr) {
+        TOVRA_LOG_ERROR(logger(), kError, "Listener parameter error: no connector");
+        return err::ListenerParameter;
+    }
+    if (worker_.exists() || !owner_->acceptedEntry) {
+        TOVRA_LOG_ERROR(logger(), kError, worker_.exists() ? "Listener already running" : "No accept handler");
+        return err::ListenerRunning;
+    }
+
+    // Keys left out never inherit the values of an earlier start.
+    setDefaults();
+    ZkParameter::TagMap keys;
+    ZkParameter::sectionToMap(connector, keys, ':', true);
+    std::string address, value;
+    std::int32_t port = -1;
+    if (!ZkParameter::valueOfTag(keys, "ipaddress", address) || address.empty()) address = "0.0.0.0";
+    if (ZkParameter::valueOfTag(keys, "port", value)) port = atoiLike(value);
+    if (ZkParameter::valueOfTag(keys, "backlog", value)) backlog_ = std::max(atoiLike(value), 1);
+    if (ZkParameter::valueOfTag(keys, "keepalive", value)) keepAlive_ = atoiLike(value) >= 1;
+    if (ZkParameter::valueOfTag(keys, "keepidle", value)) keepIdle_ = atoiLike(value);
+    if (ZkParameter::valueOfTag(keys, "keepcount", value)) keepCount_ = atoiLike(value);
+    if (ZkParameter::valueOfTag(keys, "keepinterval", value)) keepInterval_ = atoiLike(value);
+
+    // Numeric addresses only: a listener has no host name to resolve.
+    const int opened = listenEndpoint_.openNumeric(address.c_str(), port);
+    if (opened < 0) {
+        if (opened == IpEndpoint::kNoSocket) TOVRA_LOG_ERROR(logger(), kError, "New socket failed: ", natError());
+        else if (opened == IpEndpoint::kBadAddress) TOVRA_LOG_ERROR(logger(), kError, "Invalid IP address: ", address);
+        else TOVRA_LOG_ERROR(logger(), kError, "Invalid port number: ", port);
+        listenEndpoint_.reset();
+        return -1500 + opened; // -1 to -1501, -2 to -1502, -3 to -1503
+    }
+
+    const platform::SocketHandle s = listenEndpoint_.socket();
+    if (!platform::setReuseAddress(s, true)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set SO_REUSEADDR failed: ", natError());
+        closeListenSocket();
+        return tcperr::SocketOptionFailed;
+    }
+    if (!platform::bindSocket(s, listenEndpoint_.address())) {
+        TOVRA_LOG_ERROR(logger(), kError, "Bind failed: ", natError());
+        closeListenSocket();
+        return tcperr::BindFailed;
+    }
+    if (!platform::listenSocket(s, backlog_)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Listen failed: ", natError());
+        closeListenSocket();
+        return tcperr::ListenFailed;
+    }
+    // An accept must never block the worker, even when a request vanished after the wait.
+    if (!platform::setNonBlocking(s, true))
+        TOVRA_LOG_ERROR(logger(), kError, "Set socket nonblocking failed: ", natError());
+
+    TOVRA_LOG_TRACE(logger(), kTrace, "Listen socket=", s, " ", address, ":", port, " Backlog=", backlog_);
+    refusing_ = false;
+    try {
+        worker_.start([this] { run(); });
+    } catch (...) {
+        TOVRA_LOG_ERROR(logger(), kError, "Listener thread not started");
+        closeListenSocket();
+        return tcperr::ListenFailed;
+    }
+    return err::Ok;
+} catch (...) {
+    if (!worker_.exists() && listenEndpoint_.valid()) {
+        platform::closeSocket(listenEndpoint_.socket());
+        listenEndpoint_.reset();
+    }
+    return tcperr::ListenFailed;
+}
+
+void TovraListenerTcp::stop()
+{
+    if (!worker_.exists()) return;
+    worker_.requestStop();
+    // The worker cannot join itself (an accept handler that stops its listener): it ends
+    // on its own after the current request, and a later stop joins it.
+    if (workerId_.load() == std::this_thread::get_id()) return;
+    try {
+        TOVRA_LOG_TRACE(logger(), kTrace, "Stop listener thread ...");
+    } catch (...) {
+    }
+    worker_.join();
+}
+
+void TovraListenerTcp::run()
+{
+    workerId_.store(std::this_thread::get_id());
+    try {
+        TOVRA_LOG_TRACE(logger(), kTrace, "TCP listener thread started");
+    } catch (...) {
+    }
+    while (!worker_.stopRequested()) {
+        try {
+            serveOne();
+        } catch (...) {
+            // Only logging can throw (out of memory): the request in hand is dropped.
+            if (acceptEndpoint_.valid()) {
+                platform::closeSocket(acceptEndpoint_.socket());
+                acceptEndpoint_.reset();
+            }
+        }
+    }
+    try {
+        closeListenSocket();
+        TOVRA_LOG_TRACE(logger(), kTrace, "TCP listener thread stopped");
+    } catch (...) {
+        if (listenEndpoint_.valid()) platform::closeSocket(listenEndpoint_.socket());
+        listenEndpoint_.reset();
+    }
+    workerId_.store(std::thread::id{});
+}
+
+void TovraListenerTcp::serveOne()
+{
+    const platform::SocketHandle listenSocket = listenEndpoint_.socket();
+    // Right after a refusal only a request that is already queued is taken at once.
+    const int ready = platform::waitSocket(listenSocket, true, false, refusing_ ? 0 : kWaitMs);
+    if (ready < 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
+        refusing_ = false;
+        std::this_thread::sleep_for(kRetryPause);
+        return;
+    }
+    if (ready == 0) {
+        refusing_ = false;
+        return;
+    }
+    if ((ready & platform::kWaitReadable) == 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "FD_ISSET failed: Should never happen");
+        return;
+    }
+    if (worker_.stopRequested()) return;
+
+    if (!acceptEndpoint_.acceptFrom(listenSocket)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Accept failed: ", natError());
+        return;
+    }
+    const std::string peer =
+        "TCP:PeerAddress=" + acceptEndpoint_.addressText() + ":PeerPort=" + std::to_string(acceptEndpoint_.port());
+    TOVRA_LOG_TRACE(logger(), kTrace, "Accept socket=", acceptEndpoint_.socket(), " connection request from ", peer);
+
+    // The gate is held while a reader is connected. A short wait lets one that is just
+    // leaving make room; requests queued behind a refusal get no wait of their own.
+    ConnectionGate& gate = owner_->connectionGate();
+    if (!gate.tryAcquireFor(refusing_ ? std::chrono::milliseconds(0) : kGateWait)) {
+        TOVRA_LOG_TRACE(logger(), kTrace, "Connection request refused PH=0x", hex(owner_->portHandle()));
+        closeAcceptSocket();
+        refusing_ = true;
+        return;
+    }
+    refusing_ = false;
+    handOver(peer);
+}
+
+void TovraListenerTcp::handOver(const std::string& peer)
+{
+    GateHold hold(owner_->connectionGate());
+    TOVRA_LOG_TRACE(logger(), kTrace, "Connection request accepted");
+    if (keepAlive_) setKeepAliveOptions(acceptEndpoint_.socket());
+    owner_->setConnectionText(peer);
+
+    // The handler takes the socket over (pliAccept) or declines; no lock of this listener is
+    // held while it runs.
+    std::int32_t result = tcperr::AcceptFailed;
+    try {
+        if (owner_->acceptedEntry) result = owner_->acceptedEntry(*owner_);
+    } catch (...) {
+        result = tcperr::AcceptFailed;
+    }
+
+    if (result < 0) {
+        TOVRA_LOG_TRACE(logger(), kTrace, "Connection request canceled");
+        if (acceptEndpoint_.valid()) closeAcceptSocket();
+        return; // the gate is released
+    }
+    // The owner keeps the connection and releases the gate when it ends.
+    hold.keep();
+    // A socket the handler left behind would be overwritten by the next accept.
+    if (acceptEndpoint_.valid()) {
+        TOVRA_LOG_ERROR(logger(), kError, "Accepted socket not taken over");
+        closeAcceptSocket();
+    }
+}
+
+void TovraListenerTcp::setKeepAliveOptions(platform::SocketHandle socket)
+{
+    // Each option only after the previous one took; a failure leaves the connection as it is.
+    if (!platform::setKeepAlive(socket, true)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set SO_KEEPALIVE failed: ", natError());
+        return;
+    }
+    if (!platform::setKeepIdle(socket, keepIdle_)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set TCP_KEEPIDLE failed: ", natError());
+        return;
+    }
+    if (!platform::setKeepCount(socket, keepCount_)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set TCP_KEEPCNT failed: ", natError());
+        return;
+    }
+    if (!platform::setKeepInterval(socket, keepInterval_)) {
+        TOVRA_LOG_ERROR(logger(), kError, "Set TCP_KEEPINTVL failed: ", natError());
+        return;
+    }
+    TOVRA_LOG_TRACE(logger(), kTrace, "Set keep alive done: socket=", socket, " idle=", keepIdle_, " cnt=",
+                    keepCount_, " intvl=", keepInterval_);
+}
+
+void TovraListenerTcp::closeAcceptSocket()
+{
+    const platform::SocketHandle s = acceptEndpoint_.socket();
+    TOVRA_LOG_TRACE(logger(), kTrace, "shutdown and close accept socket=", s);
+    if (!platform::setNonBlocking(s, false))
+        TOVRA_LOG_ERROR(logger(), kError, "Set socket blocking failed: ", natError());
+    if (!platform::shutdownSocket(s)) TOVRA_LOG_ERROR(logger(), kError, "Shutdown failed: ", natError());
+    platform::closeSocket(s);
+    acceptEndpoint_.reset();
+}
+
+void TovraListenerTcp::closeListenSocket()
+{
+    const platform::SocketHandle s = listenEndpoint_.socket();
+    TOVRA_LOG_TRACE(logger(), kTrace, "Close listen socket=", s);
+    platform::closeSocket(s);
+    listenEndpoint_.reset();
+}
+
+} // namespace tovra
