@@ -75,11 +75,16 @@ private:
     std::vector<std::string> lines_;
 };
 
+// The log callback must be in place before the first reader of the process exists.
+struct ErrorLogFirst : ::testing::Environment {
+    void SetUp() override { ErrorLog::instance(); }
+};
+[[maybe_unused]] auto* const errorLogFirst = ::testing::AddGlobalTestEnvironment(new ErrorLogFirst);
+
 class TcpSession : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ErrorLog::instance(); // before the first reader of the process
         ASSERT_TRUE(sim.listen());
         reader = TOVRA_Create(2, connector().c_str());
         ASSERT_GT(reader, 0);
