@@ -8,9 +8,11 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -115,6 +117,50 @@ void BM_PlainSocketClient(benchmark::State& state)
     net::closeSocket(s);
 }
 BENCHMARK(BM_PlainSocketClient)->UseRealTime()->MinTime(2.0);
+
+std::atomic<int> connections{0};
+std::atomic<int> disconnections{0};
+
+void TOVRA_CALL countConnected(std::int32_t, void*, const char*) { ++connections; }
+void TOVRA_CALL countDisconnected(std::int32_t, void*) { ++disconnections; }
+
+// From the reader's connect returning to the application's connected callback.
+void BM_AcceptToCallback(benchmark::State& state)
+{
+    std::uint16_t port = 0;
+    {
+        tovra::readersim::ReaderSim probe; // borrows a free loopback port
+        if (probe.listen()) port = probe.port();
+    }
+    const std::int32_t host = TOVRA_Create(3, nullptr);
+    TOVRA_SetReaderConnectedCallbacks(host, nullptr, countConnected, countDisconnected);
+    if (TOVRA_StartListener(host, ("tcp:IPAddress=127.0.0.1:Port=" + std::to_string(port)).c_str()) != 0) {
+        state.SkipWithError(TOVRA_GetLastErrorText(host));
+        TOVRA_Delete(host);
+        return;
+    }
+    std::vector<double> micros;
+    tovra::readersim::ReaderSim reader;
+    for (auto _ : state) {
+        const int before = connections.load();
+        if (!reader.connect("127.0.0.1", port)) {
+            state.SkipWithError("connect failed");
+            break;
+        }
+        const auto start = Clock::now();
+        while (connections.load() == before) std::this_thread::yield();
+        micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+        state.PauseTiming();
+        const int left = disconnections.load();
+        reader.closeConnection();
+        while (disconnections.load() == left) std::this_thread::yield();
+        state.ResumeTiming();
+    }
+    report(state, micros);
+    TOVRA_StopListener(host);
+    TOVRA_Delete(host);
+}
+BENCHMARK(BM_AcceptToCallback)->UseRealTime()->Iterations(300);
 
 } // namespace
 
