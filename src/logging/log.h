@@ -12,6 +12,7 @@
 #include "logging/tovra_logger.h"
 
 #include <concepts>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -36,6 +37,19 @@ constexpr std::string_view qualifiedMethodName(std::string_view signature)
     constexpr std::string_view ownNamespace = "tovra::";
     if (name.starts_with(ownNamespace)) name.remove_prefix(ownNamespace.size());
     return name;
+}
+
+// Upper-case hexadecimal without leading zeros, as port handles are logged ("PH=0x2000001A").
+inline std::string hex(std::int32_t value)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    auto bits = static_cast<std::uint32_t>(value);
+    std::string text;
+    do {
+        text.insert(text.begin(), digits[bits & 0xF]);
+        bits >>= 4;
+    } while (bits != 0);
+    return text;
 }
 
 template <typename T>

@@ -60,4 +60,8 @@ private:
     platform::SocketAddress address_{};
 };
 
+// The socket-error suffix of TCP error log lines.
+inline std::string natError(int error) { return "NatError=" + std::to_string(error); }
+inline std::string natError() { return natError(platform::lastSocketError()); }
+
 } // namespace tovra

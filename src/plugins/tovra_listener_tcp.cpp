@@ -14,6 +14,8 @@
 namespace tovra {
 namespace {
 
+using logging::hex;
+
 constexpr std::uint32_t kTrace = logcat::Tcp;
 constexpr std::uint32_t kError = logcat::Error | logcat::Tcp;
 
@@ -22,19 +24,6 @@ constexpr int kWaitMs = 300;
 constexpr auto kGateWait = std::chrono::milliseconds(100);
 constexpr auto kRetryPause = std::chrono::milliseconds(100);
 
-std::string hex(std::int32_t value)
-{
-    static constexpr char digits[] = "0123456789ABCDEF";
-    auto bits = static_cast<std::uint32_t>(value);
-    std::string text;
-    do {
-        text.insert(text.begin(), digits[bits & 0xF]);
-        bits >>= 4;
-    } while (bits != 0);
-    return text;
-}
-
-std::string natError() { return "NatError=" + std::to_string(platform::lastSocketError()); }
 
 // Releases the gate when the hand-over ends, unless the owner kept the connection.
 class GateHold {

@@ -15,26 +15,14 @@
 namespace tovra {
 namespace {
 
+using logging::hex;
+
 constexpr std::uint32_t kTrace = logcat::Tcp;
 constexpr std::uint32_t kError = logcat::Error | logcat::Tcp;
 
 // Every frame starts with three bytes that hold its length.
 constexpr std::size_t kHeaderLength = 3;
 
-std::string hex(std::int32_t value)
-{
-    static constexpr char digits[] = "0123456789ABCDEF";
-    auto bits = static_cast<std::uint32_t>(value);
-    std::string text;
-    do {
-        text.insert(text.begin(), digits[bits & 0xF]);
-        bits >>= 4;
-    } while (bits != 0);
-    return text;
-}
-
-std::string natError(int error) { return "NatError=" + std::to_string(error); }
-std::string natError() { return natError(platform::lastSocketError()); }
 
 // The length of the frame whose first `assembled` bytes are in `frame`: the header length
 // until the header is complete, then the length the header declares.

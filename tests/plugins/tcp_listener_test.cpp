@@ -6,6 +6,8 @@
 #include "reader/connection_record.h"
 #include "support/wait.h"
 
+#include "support/capturing_logger.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -25,24 +27,7 @@ using namespace platform;
 using namespace std::chrono_literals;
 constexpr int kPatience = 10000; // ms; only reached when something is broken
 
-class CapturingLogger : public TovraLogger {
-public:
-    CapturingLogger() : TovraLogger(9) { configure("logtcp=on\nlogerror=on\n", '\n'); }
-    void output(const std::string& line) override
-    {
-        std::lock_guard guard(lock_);
-        text_ += line + "\n";
-    }
-    bool saw(const std::string& part)
-    {
-        std::lock_guard guard(lock_);
-        return text_.find(part) != std::string::npos;
-    }
-
-private:
-    std::mutex lock_;
-    std::string text_;
-};
+using test::CapturingLogger;
 
 SocketAddress addressOf(const char* text, int port)
 {

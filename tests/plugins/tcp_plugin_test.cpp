@@ -6,6 +6,8 @@
 #include "protocol/protocol_frame.h"
 #include "reader/connection_record.h"
 
+#include "support/capturing_logger.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -23,24 +25,7 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr int kPatience = 10000; // ms; only reached when something is broken
 
 // Keeps every line the plugin logs.
-class CapturingLogger : public TovraLogger {
-public:
-    CapturingLogger() : TovraLogger(9) { configure("logtcp=on\nlogerror=on\n", '\n'); }
-    void output(const std::string& line) override
-    {
-        std::lock_guard guard(lock_);
-        text_ += line + "\n";
-    }
-    bool saw(const std::string& part)
-    {
-        std::lock_guard guard(lock_);
-        return text_.find(part) != std::string::npos;
-    }
-
-private:
-    std::mutex lock_;
-    std::string text_;
-};
+using test::CapturingLogger;
 
 // A socket bound to 127.0.0.1 (listening unless asked not to) and the sockets of a test.
 class Peer {
