@@ -148,31 +148,6 @@ TEST(IpEndpoint, OpensChecksAndHandsOnItsSocket)
     EXPECT_EQ(closeSocket(endpoint.socket()), 0);
 }
 
-TEST_F(TcpPlugin, ConnectRefusesBadParametersWithTheirCodes)
-{
-    EXPECT_EQ(plugin->kind(), 3);
-    EXPECT_EQ(plugin->pliConnect("tcp:"), err::ConnectionParameter);
-    EXPECT_EQ(plugin->pliConnect(nullptr), err::ConnectionParameter);
-    EXPECT_EQ(connect(0), tcperr::InvalidPort);
-    EXPECT_EQ(connect(65536), tcperr::InvalidPort);
-    EXPECT_EQ(plugin->pliConnect("tcp:ipaddress=localhost:port=0"), tcperr::InvalidPort) << "whatever the address";
-    EXPECT_EQ(plugin->pliConnect("TCP:IPAddress=no-such-host.invalid:Port=10001"), tcperr::CannotResolve);
-    EXPECT_EQ(plugin->pliGetLastError(0), tcperr::CannotResolve);
-    EXPECT_TRUE(logger.saw("No IPv4 or IPv6 ==> resolve hostname"));
-    EXPECT_TRUE(logger.saw("Resolve hostname failed: NatError="));
-    EXPECT_STREQ(plugin->pliGetErrorText(-1504), "TOVRA.TCP error -1504: Cannot resolve domain name");
-    EXPECT_STREQ(plugin->pliGetErrorText(-1522), "TOVRA.TCP error -1522: Protocol buffer overflow");
-    EXPECT_STREQ(plugin->pliGetErrorText(-1513), "TOVRA.TCP error -1513: ---");
-    EXPECT_STREQ(plugin->pliGetErrorText(-5012), "TOVRA.TCP error -5012: ---");
-
-    // Bound but not listening: the connection is refused, blocking or not.
-    Peer deaf(1, false);
-    EXPECT_EQ(connect(deaf.port()), tcperr::ConnectFailed);
-    EXPECT_EQ(connect(deaf.port(), ":connecttimeout=2000"), tcperr::ConnectFailed);
-    EXPECT_STREQ(plugin->pliGetErrorText(plugin->pliGetLastError(0)), "TOVRA.TCP error -1510: Connect failed");
-    EXPECT_EQ(plugin->pliDisconnect(0), err::DisconnectFailed) << "a failed connect leaves nothing open";
-}
-
 TEST_F(TcpPlugin, ConnectsBlockingOrNotAndNumbersItsPorts)
 {
     std::int32_t previous = 0;

@@ -215,49 +215,5 @@ TEST_F(ReaderSimServer, FaultsShapeTheResponse) {
     EXPECT_EQ(client.inbox()[2], 0x01);
 }
 
-TEST_F(ReaderSimServer, OwnRequestsWaitForTheHostsResponse) {
-    RawPeer host = peer();
-    EXPECT_FALSE(sim.sendRequest({0x70}, kDirectionRequest, milliseconds(50)).has_value());
-    ASSERT_EQ(host.receive().frame.payload, (Bytes{0x70}));
-
-    std::optional<Bytes> answer;
-    std::thread reader([&] { answer = sim.sendRequest({0x71, 0x01}, 0x03); });
-    const Decoded request = host.receive();
-    EXPECT_EQ(request.frame.flags, 0x03);
-    // A stray request of the host is not taken for the answer; it gets the echo.
-    host.send(Frame{Generation::enhanced, 0x05, kDirectionRequest, {0x10}});
-    host.send(Frame{Generation::enhanced, 0x05, kDirectionResponse, {0x71, 0x00, 0xEE}});
-    reader.join();
-    EXPECT_EQ(answer, (Bytes{0x71, 0x00, 0xEE}));
-    EXPECT_EQ(host.receive().frame.payload, (Bytes{0x10, 0x00}));
-    ASSERT_TRUE(sim.waitForFrames(2, kPatience));
-    EXPECT_EQ(sim.received().back().frame.flags, kDirectionResponse);
-}
-
-TEST(ReaderSimClient, ServesTheConnectionItMakes) {
-    const net::SocketHandle listener = net::openSocket(net::AddressFamily::ipv4, net::SocketKind::stream);
-    net::SocketAddress address{}, bound{};
-    ASSERT_TRUE(net::parseNumericAddress("127.0.0.1", 0, address));
-    ASSERT_TRUE(net::bindSocket(listener, address) && net::listenSocket(listener, 4));
-    ASSERT_TRUE(net::localAddress(listener, bound));
-    const auto port = static_cast<std::uint16_t>(net::addressPort(bound));
-
-    ReaderSim sim;
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_TRUE(sim.connect("127.0.0.1", port));
-        ASSERT_TRUE(sim.isConnected());
-        EXPECT_FALSE(sim.listen());  // one mode at a time
-        {
-            RawPeer host(net::acceptSocket(listener, nullptr));
-            host.send(Frame{Generation::enhanced, 0x02, kDirectionRequest, {0x11, 0x22}});
-            EXPECT_EQ(host.receive().frame.payload, (Bytes{0x11, 0x00, 0x22}));
-        }  // the host closes: the simulator's connection ends and connect() works again
-        ASSERT_TRUE(sim.waitForDisconnect(kPatience));
-    }
-    EXPECT_EQ(sim.connectionsAccepted(), 2U);
-    sim.stop();
-    net::closeSocket(listener);
-}
-
 }  // namespace
 }  // namespace tovra::readersim
