@@ -228,7 +228,10 @@ TOVRA_API void TOVRA_CALL TOVRA_SetLoggingParameter(const char* parameterText)
 
 TOVRA_API void TOVRA_CALL TOVRA_SetLoggingCallback(void* context, TOVRA_LoggingCallback callback)
 {
-    tovra::setPendingLoggingCallback(context, callback);
+    guarded(0, [&] {
+        tovra::setPendingLoggingCallback(context, callback);
+        return 0;
+    });
 }
 
 } // extern "C"

@@ -67,15 +67,18 @@ std::uint16_t ProtocolFrame::storedCrc() const
     return static_cast<std::uint16_t>(bigEndian16(&bytes[n - 2]));
 }
 
-std::string_view ProtocolFrame::generationLabel() const
+std::string_view generationLabel(std::uint8_t firstByte)
 {
-    switch (generation()) {
+    if (firstByte >= 5) return "Std";
+    switch (static_cast<FrameGeneration>(firstByte)) {
     case FrameGeneration::Standard: return "Std";
     case FrameGeneration::Advanced: return "Adv";
     case FrameGeneration::Enhanced: return "Enh";
     default: return "";
     }
 }
+
+std::string_view ProtocolFrame::generationLabel() const { return tovra::generationLabel(bytes[0]); }
 
 std::string_view ProtocolFrame::directionLabel() const
 {

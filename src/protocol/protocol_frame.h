@@ -54,6 +54,9 @@ struct ProtocolFrame {
     std::size_t usedLength() const { return length < maxLength ? static_cast<std::size_t>(length) : maxLength; }
 };
 
+// "Std", "Adv", "Enh" or "" for a frame whose first byte (or a generation number) is `firstByte`.
+std::string_view generationLabel(std::uint8_t firstByte);
+
 // Clears `frame` and writes a frame of the given generation (0, 2 or 3) around the payload.
 // False for an empty payload, an unknown generation or a frame that would be too long.
 bool buildFrame(ProtocolFrame& frame, const std::uint8_t* payload, std::uint64_t payloadLength,

@@ -19,15 +19,6 @@ constexpr std::uint32_t kConnectTimeoutMs = 5000;
 // What the application finds preset as its response length in a reader-request callback.
 constexpr std::uint64_t kMaxCallbackResponse = 32760;
 
-std::string_view frameTypeLabel(std::uint8_t frameType)
-{
-    switch (frameType) {
-    case 2: return "Adv";
-    case 3: return "Enh";
-    default: return "Std";
-    }
-}
-
 } // namespace
 
 std::int32_t nextReaderHandle()
@@ -65,7 +56,7 @@ TovraReader::TovraReader(std::int32_t moduleKind, const char* connector)
     }
     readerRecord().acceptedEntry = [this](ConnectionRecord& record) { return connectByReaderAccepted(record); };
     TOVRA_LOG_TRACE(logger_, logcat::Reader, "... ", isOnePort() ? "1port" : "2port",
-                    " module created - frameType=", frameTypeLabel(host.frameType()), " connector=",
+                    " module created - frameType=", generationLabel(host.frameType()), " connector=",
                     host.connector());
 }
 
