@@ -1,6 +1,7 @@
 // Readers that connect to the host: the library listens, the simulator connects as a client.
 #include "platform/net.h"
 #include "readersim/reader_sim.h"
+#include "support/loopback.h"
 #include "support/wait.h"
 #include "tovra/tovra.h"
 
@@ -19,21 +20,9 @@ using namespace std::chrono_literals;
 using tovra::readersim::Fault;
 using tovra::readersim::FaultKind;
 using tovra::readersim::ReaderSim;
+using tovra::test::freePort;
 using tovra::test::waitUntil;
 using Bytes = std::vector<std::uint8_t>;
-
-// A loopback port that nothing listens on right now.
-std::uint16_t freePort()
-{
-    namespace net = tovra::platform;
-    net::SocketAddress address{};
-    net::parseNumericAddress("127.0.0.1", 0, address);
-    const auto s = net::openSocket(net::AddressFamily::ipv4, net::SocketKind::stream);
-    net::bindSocket(s, address);
-    net::localAddress(s, address);
-    net::closeSocket(s);
-    return static_cast<std::uint16_t>(net::addressPort(address));
-}
 
 // What the application sees of one reader module.
 struct Events {

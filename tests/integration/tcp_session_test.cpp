@@ -1,13 +1,14 @@
 // An application talking to a simulated reader over loopback TCP, through the C interface.
 #include "platform/net.h"
 #include "readersim/reader_sim.h"
+#include "support/error_log.h"
+#include "support/process_counts.h"
 #include "support/wait.h"
 #include "tovra/tovra.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -20,6 +21,7 @@ using tovra::readersim::Fault;
 using tovra::readersim::FaultKind;
 using tovra::readersim::Generation;
 using tovra::readersim::ReaderSim;
+using tovra::test::ErrorLog;
 using tovra::test::waitUntil;
 using Bytes = std::vector<std::uint8_t>;
 
@@ -43,43 +45,7 @@ Bytes echoOf(const Bytes& request)
     return response;
 }
 
-// The library's error records, collected through the process-wide log callback.
-class ErrorLog {
-public:
-    static ErrorLog& instance()
-    {
-        static ErrorLog log;
-        return log;
-    }
-    // A record of the reader with this handle that contains `text`.
-    bool contains(std::int32_t reader, const std::string& text)
-    {
-        const std::string tag = " RH=" + std::to_string(reader) + " ";
-        std::lock_guard guard(lock_);
-        for (const auto& line : lines_)
-            if (line.find(tag) != std::string::npos && line.find(text) != std::string::npos) return true;
-        return false;
-    }
-
-private:
-    ErrorLog()
-    {
-        TOVRA_SetLoggingParameter("[TOVRA]\nlogerror=1\n");
-        TOVRA_SetLoggingCallback(this, [](void* self, const char* line) {
-            auto& log = *static_cast<ErrorLog*>(self);
-            std::lock_guard guard(log.lock_);
-            log.lines_.emplace_back(line);
-        });
-    }
-    std::mutex lock_;
-    std::vector<std::string> lines_;
-};
-
-// The log callback must be in place before the first reader of the process exists.
-struct ErrorLogFirst : ::testing::Environment {
-    void SetUp() override { ErrorLog::instance(); }
-};
-[[maybe_unused]] auto* const errorLogFirst = ::testing::AddGlobalTestEnvironment(new ErrorLogFirst);
+[[maybe_unused]] auto* const errorLogFirst = ::testing::AddGlobalTestEnvironment(new tovra::test::ErrorLogFirst);
 
 class TcpSession : public ::testing::Test {
 protected:
@@ -325,19 +291,11 @@ TEST_F(TcpSession, FourApplicationThreadsShareOneReader)
     EXPECT_EQ(failures.load(), 0);
 }
 
-std::size_t entriesIn(const char* folder)
-{
-    std::error_code error;
-    std::size_t count = 0;
-    for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) ++count;
-    return count;
-}
-
 TEST_F(TcpSession, AThousandCyclesLeaveNoDescriptorOrThreadBehind)
 {
-    // Linux shows descriptors and threads under /proc; elsewhere the cycles still run.
-    const std::size_t descriptors = entriesIn("/proc/self/fd");
-    const std::size_t threads = entriesIn("/proc/self/task");
+    // Counted where the system lists them; elsewhere the cycles still run.
+    const long descriptors = tovra::test::openDescriptors();
+    const long threads = tovra::test::runningThreads();
     Bytes response;
     for (int cycle = 0; cycle < 1000; ++cycle) {
         ASSERT_EQ(TOVRA_ConnectByHost(reader, nullptr), 0) << cycle << ": " << TOVRA_GetLastErrorText(reader);
@@ -345,8 +303,8 @@ TEST_F(TcpSession, AThousandCyclesLeaveNoDescriptorOrThreadBehind)
         ASSERT_EQ(TOVRA_DisconnectByHost(reader), 0);
     }
     ASSERT_TRUE(sim.waitForDisconnect(10000ms));
-    EXPECT_EQ(entriesIn("/proc/self/fd"), descriptors);
-    EXPECT_EQ(entriesIn("/proc/self/task"), threads);
+    EXPECT_EQ(tovra::test::openDescriptors(), descriptors);
+    EXPECT_EQ(tovra::test::runningThreads(), threads);
 }
 
 TEST_F(TcpSession, ConnectsWithMoreThan1024DescriptorsOpen)

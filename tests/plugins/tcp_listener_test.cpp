@@ -4,6 +4,7 @@
 #include "plugins/tovra_listener_tcp.h"
 #include "plugins/tovra_plugin_tcp.h"
 #include "reader/connection_record.h"
+#include "support/process_counts.h"
 #include "support/wait.h"
 
 #include "support/capturing_logger.h"
@@ -13,7 +14,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -28,6 +28,7 @@ using namespace std::chrono_literals;
 constexpr int kPatience = 10000; // ms; only reached when something is broken
 
 using test::CapturingLogger;
+using test::openDescriptors;
 
 SocketAddress addressOf(const char* text, int port)
 {
@@ -59,14 +60,6 @@ bool closedByPeer(SocketHandle s, int patienceMs = kPatience)
     if ((waitSocket(s, true, false, patienceMs) & kWaitReadable) == 0) return false;
     char byte = 0;
     return recvBytes(s, &byte, 1) <= 0;
-}
-
-// -1 where the system does not list them.
-long openDescriptors()
-{
-    std::error_code error;
-    std::filesystem::directory_iterator fds("/proc/self/fd", error);
-    return error ? -1 : std::distance(fds, std::filesystem::directory_iterator{});
 }
 
 class TcpListener : public ::testing::Test {

@@ -206,7 +206,7 @@ struct ReaderSim::Impl {
             }
             const int ready = net::waitSocket(socket, true, false, kSliceMs);
             if (ready < 0) break;
-            if (ready == 0) continue;
+            if (ready == 0 || control != Control::none) continue;
             const std::ptrdiff_t got = net::recvBytes(socket, chunk.data(), chunk.size());
             if (got < 0 && net::isWouldBlock(net::lastSocketError())) continue;
             if (got <= 0) {
@@ -367,10 +367,14 @@ struct ReaderSim::Impl {
 
     // --- Controls --------------------------------------------------------------
     void endConnection(Control how) {
+        std::unique_lock sendLock(sendMutex);
         std::unique_lock lock(mutex);
         if (!connected) return;
         const std::uint64_t current = serial;
         control = how;
+        // An ordinary close wakes the serving thread at once; a reset must not send a FIN first.
+        if (how == Control::close && connection != net::kInvalidSocket) net::shutdownSocket(connection);
+        sendLock.unlock();
         changed.notify_all();
         changed.wait_for(lock, kControlPatience, [&] { return !connected || serial != current; });
     }
