@@ -22,19 +22,20 @@ template <typename Result, typename Call>
 Result guarded(Result onFailure, Call&& call) noexcept
 {
     try {
+        ReaderRegistry::instance().reapRetired();
         return call();
     } catch (...) {
-        return onFailure; // only an allocation failure gets here
+        return onFailure; // only a failed allocation or a refused thread gets here
     }
 }
 
-// Calls `call` with the reader of `handle`, or answers `unknown`.
+// Calls `call` with the reader of `handle`, held for the whole call, or answers `unknown`.
 template <typename Result, typename Call>
 Result withReader(std::int32_t handle, Result unknown, Result onFailure, Call&& call) noexcept
 {
     return guarded(onFailure, [&]() -> Result {
-        TovraReader* reader = ReaderRegistry::instance().find(handle);
-        return reader != nullptr ? call(*reader) : unknown;
+        const std::shared_ptr<TovraReader> reader = ReaderRegistry::instance().find(handle);
+        return reader ? call(*reader) : unknown;
     });
 }
 

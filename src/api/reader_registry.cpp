@@ -13,11 +13,41 @@ ReaderRegistry& ReaderRegistry::instance()
     return *registry;
 }
 
+void ReaderRegistry::dispose(TovraReader* reader)
+{
+    if (!reader->onOwnThread()) {
+        delete reader;
+        return;
+    }
+    ReaderRegistry& registry = instance();
+    std::lock_guard guard(registry.retiredLock_);
+    registry.retired_.emplace_back(reader);
+    registry.retiredCount_.store(registry.retired_.size());
+}
+
+void ReaderRegistry::reapRetiredNow()
+{
+    std::vector<std::unique_ptr<TovraReader>> done;
+    {
+        std::lock_guard guard(retiredLock_);
+        for (auto it = retired_.begin(); it != retired_.end();) {
+            if ((*it)->quiescent() && !(*it)->onOwnThread()) {
+                done.push_back(std::move(*it));
+                it = retired_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        retiredCount_.store(retired_.size());
+    }
+    done.clear(); // joins threads that have ended, outside the lock
+}
+
 std::int32_t ReaderRegistry::create(std::int32_t moduleKind, const char* connector)
 {
-    std::unique_ptr<TovraReader> reader;
+    std::shared_ptr<TovraReader> reader;
     try {
-        reader = std::make_unique<TovraReader>(moduleKind, connector);
+        reader = std::shared_ptr<TovraReader>(new TovraReader(moduleKind, connector), &ReaderRegistry::dispose);
     } catch (const std::bad_alloc&) {
         return err::CannotCreateReader;
     }
@@ -29,7 +59,7 @@ std::int32_t ReaderRegistry::create(std::int32_t moduleKind, const char* connect
 
 std::int32_t ReaderRegistry::remove(std::int32_t handle)
 {
-    std::unique_ptr<TovraReader> reader;
+    std::shared_ptr<TovraReader> reader;
     {
         std::lock_guard guard(lock_);
         const auto it = readers_.find(handle);
@@ -37,6 +67,9 @@ std::int32_t ReaderRegistry::remove(std::int32_t handle)
         reader = std::move(it->second);
         readers_.erase(it);
     }
+    if (reader->onOwnThread()) reader->markDeleted();
+    // Every thread of the reader has ended when this returns, unless this is one of them.
+    reader->shutdown();
     reader.reset();
     return err::Ok;
 }
@@ -50,11 +83,11 @@ std::int32_t ReaderRegistry::terminate(std::int32_t handle)
     return err::Ok;
 }
 
-TovraReader* ReaderRegistry::find(std::int32_t handle)
+std::shared_ptr<TovraReader> ReaderRegistry::find(std::int32_t handle)
 {
     std::lock_guard guard(lock_);
     const auto it = readers_.find(handle);
-    return it == readers_.end() ? nullptr : it->second.get();
+    return it == readers_.end() ? nullptr : it->second;
 }
 
 std::int32_t ReaderRegistry::nextHandle(std::int32_t first)

@@ -136,7 +136,7 @@ try {
     TOVRA_LOG_TRACE(logger(), kTrace, "Listen socket=", s, " ", address, ":", port, " Backlog=", backlog_);
     refusing_ = false;
     try {
-        worker_.start([this] { run(); });
+        worker_.start(owner_->reader(), [this] { run(); });
     } catch (...) {
         TOVRA_LOG_ERROR(logger(), kError, "Listener thread not started");
         closeListenSocket();
@@ -155,9 +155,9 @@ void TovraListenerTcp::stop()
 {
     if (!worker_.exists()) return;
     worker_.requestStop();
-    // The worker cannot join itself (an accept handler that stops its listener): it ends
-    // on its own after the current request, and a later stop joins it.
-    if (workerId_.load() == std::this_thread::get_id()) return;
+    // The worker cannot join itself: it ends on its own after the current request, and a
+    // later stop joins it.
+    if (worker_.isCurrent()) return;
     try {
         TOVRA_LOG_TRACE(logger(), kTrace, "Stop listener thread ...");
     } catch (...) {
@@ -167,7 +167,6 @@ void TovraListenerTcp::stop()
 
 void TovraListenerTcp::run()
 {
-    workerId_.store(std::this_thread::get_id());
     try {
         TOVRA_LOG_TRACE(logger(), kTrace, "TCP listener thread started");
     } catch (...) {
@@ -190,7 +189,6 @@ void TovraListenerTcp::run()
         if (listenEndpoint_.valid()) platform::closeSocket(listenEndpoint_.socket());
         listenEndpoint_.reset();
     }
-    workerId_.store(std::thread::id{});
 }
 
 void TovraListenerTcp::serveOne()

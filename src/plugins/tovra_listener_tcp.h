@@ -30,6 +30,8 @@ public:
     std::int32_t start(const char* connector) override;
     // Ends the worker within one wait period and joins it; does nothing when not started.
     void stop() override;
+    bool onOwnThread() const override { return worker_.isCurrent(); }
+    bool idle() const override { return !worker_.exists() || worker_.finished(); }
 
     // The socket and peer address of the connection being handed over.
     IpEndpoint& acceptedEndpoint() { return acceptEndpoint_; }
@@ -58,7 +60,6 @@ private:
     // for the gate again, so a flood of them clears quickly.
     bool refusing_ = false;
     WorkerThread worker_;
-    std::atomic<std::thread::id> workerId_{};
 };
 
 } // namespace tovra

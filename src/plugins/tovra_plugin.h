@@ -34,7 +34,17 @@ public:
     virtual std::int32_t pliGetLastError(std::int32_t portHandle);
     // Ends a receive that is waiting, ahead of a disconnect by the host: the connection is
     // of no further use afterwards. Transports that cannot do it leave the wait to run out.
+    // May run while another thread transmits or receives on the plugin.
     virtual void pliAbortReceive() {}
+
+    // The host is ending this connection: wakes its waits for good. Whatever fails on the
+    // plugin afterwards is the host's doing, not the reader's.
+    void abortConnection()
+    {
+        connectionAborted_.store(true);
+        pliAbortReceive();
+    }
+    bool connectionAborted() const { return connectionAborted_.load(); }
 
     std::int32_t kind() const { return kind_; }
 
@@ -51,6 +61,9 @@ protected:
     bool loaded_ = false;
     bool secondFlag_ = false;
     std::atomic<std::int32_t> lastError_{0};
+
+private:
+    std::atomic<bool> connectionAborted_{false};
 };
 
 // Waits for a reader to connect to the host; owned by a connection record while listening.
@@ -62,8 +75,14 @@ public:
     TovraListener& operator=(const TovraListener&) = delete;
 
     virtual std::int32_t start(const char* connector) = 0;
-    // Idempotent; joins the worker thread.
+    // Idempotent; joins the worker thread, except on that thread itself, where it only asks
+    // it to end.
     virtual void stop() = 0;
+    // True on the listener's own thread (where its log records, and with them the
+    // application's logging callbacks, run).
+    virtual bool onOwnThread() const { return false; }
+    // True while no thread of this listener runs.
+    virtual bool idle() const { return true; }
 
     std::int32_t kind() const { return kind_; }
 

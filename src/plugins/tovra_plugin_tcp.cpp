@@ -82,8 +82,10 @@ std::int32_t TovraPluginTcp::newPortHandle()
 
 const char* TovraPluginTcp::pliGetErrorText(std::int32_t code)
 try {
-    errorText_ = "TOVRA.TCP error " + std::to_string(code) + ": " + messageOf(code);
-    return errorText_.c_str();
+    // Per thread: two threads asking at once must not share one text.
+    thread_local std::string text;
+    text = "TOVRA.TCP error " + std::to_string(code) + ": " + messageOf(code);
+    return text.c_str();
 } catch (...) {
     return "TOVRA.TCP error";
 }
@@ -260,7 +262,32 @@ void TovraPluginTcp::pliAbortReceive()
 {
     // Shutting both directions down wakes the wait at once with an end of stream; the
     // socket itself stays open until pliDisconnect closes it.
+    std::lock_guard guard(closeLock_);
     if (endpoint_.valid()) platform::shutdownSocket(endpoint_.socket());
+}
+
+void TovraPluginTcp::sendRest(const std::uint8_t* data, std::size_t length)
+{
+    // Half a frame must never stay on a connection that goes on: the rest goes out as room
+    // comes free, or the connection ends.
+    const platform::SocketHandle s = endpoint_.socket();
+    const std::int64_t deadline = platform::monotonicMicros() + std::int64_t{kSendRestMs} * 1000;
+    while (length > 0) {
+        const std::int64_t left = deadline - platform::monotonicMicros();
+        if (left <= 0 || platform::waitSocket(s, false, true, static_cast<int>((left + 999) / 1000)) <= 0) break;
+        const std::ptrdiff_t sent = platform::sendBytes(s, data, length);
+        if (sent < 0 && !platform::isWouldBlock(platform::lastSocketError())) break;
+        if (sent > 0) {
+            data += sent;
+            length -= static_cast<std::size_t>(sent);
+        }
+    }
+    if (length == 0) {
+        TOVRA_LOG_TRACE(logger(), kTrace, "... rest of the frame sent");
+        return;
+    }
+    TOVRA_LOG_ERROR(logger(), kError, "Rest of the frame not sent: connection ended");
+    platform::shutdownSocket(s);
 }
 
 int TovraPluginTcp::closeSocket()
@@ -270,6 +297,7 @@ int TovraPluginTcp::closeSocket()
     if (!platform::setNonBlocking(s, false))
         TOVRA_LOG_ERROR(logger(), kError, "Set socket blocking failed: ", natError());
     if (!platform::shutdownSocket(s)) TOVRA_LOG_ERROR(logger(), kError, "Shutdown failed: ", natError());
+    std::lock_guard guard(closeLock_);
     const int result = platform::closeSocket(s);
     endpoint_.reset();
     return result;
@@ -286,6 +314,7 @@ try {
     if (sent >= 0) {
         // A short write stores no code of its own: the caller gets the last error as it stands.
         TOVRA_LOG_ERROR(logger(), kError, "Transmit failed: Not all bytes send");
+        sendRest(data + sent, length - static_cast<std::size_t>(sent));
         return lastError_;
     }
     const int error = platform::lastSocketError();

@@ -5,6 +5,7 @@
 #include "protocol/protocol_frame.h"
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 namespace tovra {
@@ -53,14 +54,19 @@ private:
     bool blockingConnect();
     bool nonblockingConnect(std::int32_t timeoutMs);
     int closeSocket();
+    // The rest of a frame that a send took only in part.
+    void sendRest(const std::uint8_t* data, std::size_t length);
     static std::int32_t newPortHandle();
 
     IpEndpoint endpoint_;
+    // An abort may come while the socket is being closed: it must never reach a closed one,
+    // whose number the system may already have given to another socket.
+    std::mutex closeLock_;
     ProtocolFrame frame_; // assembly of the frame being received
     bool wsaStarted_ = false;
     std::int32_t receiveTimeout_ = 300; // ms, for the header and again for the rest
-    std::int32_t portHandle_ = -1;      // for log lines only
-    std::string errorText_;
+    // How long the rest of a frame may wait for room before the connection is ended.
+    static constexpr std::int32_t kSendRestMs = 5000;
 };
 
 } // namespace tovra

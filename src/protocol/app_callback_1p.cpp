@@ -22,11 +22,29 @@ bool TovraAppCallback1P::start(bool connectedByReader)
     }
     connectedByReader_.store(connectedByReader);
     disconnectedByReader_.store(false);
+    endAfterCallback_.store(false);
+    deliveryClosed_.store(false);
     {
         std::lock_guard guard(lock_);
         pendingRequest_ = nullptr;
+        mayRun_ = false;
     }
-    return thread_.start([this] { run(); });
+    return thread_.start(record_.reader(), [this] { run(); });
+}
+
+void TovraAppCallback1P::letRun()
+{
+    {
+        std::lock_guard guard(lock_);
+        mayRun_ = true;
+    }
+    changed_.notify_all();
+}
+
+void TovraAppCallback1P::waitUntilLetRun()
+{
+    std::unique_lock lock(lock_);
+    changed_.wait(lock, [this] { return mayRun_; });
 }
 
 bool TovraAppCallback1P::deliverRequest(ProtocolFrame& frame)
@@ -34,26 +52,33 @@ bool TovraAppCallback1P::deliverRequest(ProtocolFrame& frame)
     {
         std::unique_lock lock(lock_);
         // One request waits at a time, as the receiver would block on a busy taker.
-        changed_.wait(lock, [this] { return pendingRequest_ == nullptr || thread_.stopRequested(); });
-        if (thread_.stopRequested()) return false;
+        changed_.wait(lock, [this] { return pendingRequest_ == nullptr || deliveryClosed_.load(); });
+        if (deliveryClosed_.load()) return false;
         pendingRequest_ = &frame;
     }
     changed_.notify_all();
     return true;
 }
 
-void TovraAppCallback1P::signalEnd(bool disconnectedByReader)
+void TovraAppCallback1P::closeDelivery()
 {
-    disconnectedByReader_.store(disconnectedByReader);
-    thread_.requestStop();
+    deliveryClosed_.store(true);
     { std::lock_guard guard(lock_); }
     changed_.notify_all();
+}
+
+void TovraAppCallback1P::signalEnd(bool disconnectedByReader)
+{
+    if (disconnectedByReader) disconnectedByReader_.store(true);
+    thread_.requestStop();
+    closeDelivery();
 }
 
 void TovraAppCallback1P::terminate()
 {
     if (!thread_.exists()) return;
     signalEnd(false);
+    letRun(); // a thread that never got going ends too
     thread_.join();
 }
 
@@ -68,24 +93,36 @@ ProtocolFrame* TovraAppCallback1P::nextRequest()
     return request;
 }
 
+bool TovraAppCallback1P::endedFromCallback()
+{
+    if (!endAfterCallback_.load()) return false;
+    // The receiver is another thread: waiting for it here is safe, and it is woken first.
+    receiver_->stopAndJoin();
+    return true;
+}
+
 void TovraAppCallback1P::run()
 {
+    waitUntilLetRun();
     TovraLogger& logger = record_.logger();
     TovraReader* reader = record_.reader();
+    bool ended = false;
     if (connectedByReader_.load()) {
         TOVRA_LOG_TRACE(logger, logcat::Reader, "1port application callback thread started: connected by reader");
         if (reader != nullptr) reader->connectedByReader(record_);
+        ended = endedFromCallback();
     } else {
         TOVRA_LOG_TRACE(logger, logcat::Reader, "1port application callback thread started: connected by host");
     }
 
     // The application's callback runs without this thread's lock held.
-    while (ProtocolFrame* request = nextRequest()) {
+    while (!ended) {
+        ProtocolFrame* request = nextRequest();
+        if (request == nullptr) break;
         const std::int32_t answered = reader != nullptr ? reader->readerRequest(record_, *request, *response_) : -1;
         receiver_->release(*request);
-        if (answered < 0) continue;
-        if (thread_.stopRequested()) break;
-        record_.transmit().transmitProtocol(*response_);
+        if (answered >= 0 && !thread_.stopRequested()) record_.transmit().transmitProtocol(*response_);
+        ended = endedFromCallback();
     }
 
     const bool byReader = disconnectedByReader_.load();
@@ -99,7 +136,7 @@ void TovraAppCallback1P::run()
 void TovraAppCallback1P::closeConnection()
 {
     record_.disconnectPlugin();
-    if (TovraReader* reader = record_.reader()) reader->connectionClosed(record_);
+    record_.retireConnection();
 }
 
 } // namespace tovra

@@ -20,6 +20,9 @@ public:
     // error. A null or empty payload only receives.
     std::int32_t transceive(const std::uint8_t* payload, std::uint64_t payloadLength, std::uint8_t* response,
                             std::uint64_t* responseLength);
+    // Held for a whole exchange: whoever closes the channel's plugin takes it first, after
+    // waking the exchange's waits, so that no exchange runs on a closed plugin.
+    std::mutex& exchangeLock() { return exchangeLock_; }
 
 private:
     ConnectionRecord& record_;

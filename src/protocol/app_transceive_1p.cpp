@@ -25,7 +25,8 @@ std::int32_t TovraAppTransceive1P::transceive(const std::uint8_t* payload, std::
     std::unique_lock lock(lock_);
     if (!buildFrame(*request_, payload, payloadLength, record_.frameType(), kDirectionRequest, record_.busAddress()))
         return err::PayloadTooLarge;
-    // A response that came while nobody waited stays where it is (its buffer stays in use).
+    // A response that came while nobody waited stays where it is: its buffer stays in use
+    // until the next connection.
     pendingResponse_ = nullptr;
     const std::int32_t sent = record_.transmit().transmitProtocol(*request_);
     if (sent < 0) return sent;

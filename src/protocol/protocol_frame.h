@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -34,6 +35,12 @@ struct ProtocolFrame {
         bytes[0] = 0;
     }
     bool empty() const { return length == 0; }
+    // Copies only the bytes in use.
+    void copyFrom(const ProtocolFrame& other)
+    {
+        length = other.usedLength();
+        std::copy_n(other.bytes.begin(), usedLength(), bytes.begin());
+    }
 
     // Derived fields, all read from `bytes`.
     FrameGeneration generation() const;

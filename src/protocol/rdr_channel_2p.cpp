@@ -25,7 +25,8 @@ bool TovraRdrChannel2P::start()
                         "2port reader channel: thread already started");
         return false;
     }
-    return thread_.start([this] { run(); });
+    endAfterCallback_.store(false);
+    return thread_.start(record_.reader(), [this] { run(); });
 }
 
 void TovraRdrChannel2P::stop()
@@ -50,7 +51,7 @@ void TovraRdrChannel2P::run()
     TOVRA_LOG_TRACE(logger, logcat::Reader, "2port reader channel thread started");
     if (reader != nullptr) reader->connectedByReader(record_);
 
-    while (!thread_.stopRequested()) {
+    while (!thread_.stopRequested() && !endAfterCallback_.load()) {
         const std::int32_t received = record_.receive().receiveProtocol(*request_);
         if (received == err::DisconnectedByPeer) break;
         if (received < 0) continue;
@@ -64,7 +65,7 @@ void TovraRdrChannel2P::run()
 
     if (reader != nullptr) reader->disconnectedByReader(record_);
     record_.disconnectPlugin();
-    if (reader != nullptr) reader->connectionClosed(record_);
+    record_.retireConnection();
     TOVRA_LOG_TRACE(logger, logcat::Reader, "2port reader channel thread stopped");
 }
 

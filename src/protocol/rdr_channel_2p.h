@@ -3,6 +3,7 @@
 #include "protocol/protocol_frame.h"
 #include "protocol/worker_thread.h"
 
+#include <atomic>
 #include <memory>
 
 namespace tovra {
@@ -21,8 +22,13 @@ public:
     bool start();
     // Asks the thread to end and aborts its receive; does not wait.
     void stop();
-    // Stops and joins the thread.
+    // Stops and joins the thread, which closes the connection.
     void terminate();
+    // From inside an application callback on this thread: the connection ends once the
+    // callback has returned (and its response has been sent).
+    void endAfterCallback() { endAfterCallback_.store(true); }
+    bool finished() const { return thread_.finished(); }
+    bool isCurrent() const { return thread_.isCurrent(); }
 
 private:
     void run();
@@ -30,6 +36,7 @@ private:
     ConnectionRecord& record_;
     std::unique_ptr<ProtocolFrame> request_ = std::make_unique<ProtocolFrame>();
     std::unique_ptr<ProtocolFrame> response_ = std::make_unique<ProtocolFrame>();
+    std::atomic<bool> endAfterCallback_{false};
     WorkerThread thread_;
 };
 

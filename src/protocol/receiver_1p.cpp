@@ -26,26 +26,44 @@ TovraReceiver1P::~TovraReceiver1P() { terminate(); }
 bool TovraReceiver1P::start(bool connectedByReader)
 {
     callback_.start(connectedByReader);
+    bool started = false;
     if (thread_.exists() && !thread_.finished()) {
         TOVRA_LOG_ERROR(record_.logger(), kErrors, "1port receiver: thread already started");
-        return false;
+    } else {
+        try {
+            started = thread_.start(record_.reader(), [this] { run(); });
+        } catch (...) {
+            // No receiver: the callback thread ends at once and closes the connection.
+            TOVRA_LOG_ERROR(record_.logger(), kErrors, "1port receiver: thread not started");
+            transceive_.receiverEnded();
+            callback_.signalEnd(false);
+        }
     }
-    return thread_.start([this] { run(); });
+    // Only now may the callback thread run the application's callbacks, whatever they do
+    // to this connection.
+    callback_.letRun();
+    return started;
 }
 
 void TovraReceiver1P::stop()
 {
     thread_.requestStop();
     record_.receive().abort();
+    // A receiver waiting to hand a request over must not wait for a taker that stops.
+    callback_.closeDelivery();
+}
+
+void TovraReceiver1P::stopAndJoin()
+{
+    if (!thread_.exists()) return;
+    stop();
+    if (!thread_.finished()) record_.abortPluginReceive();
+    thread_.join();
 }
 
 void TovraReceiver1P::terminate()
 {
-    if (!thread_.exists()) return;
-    stop();
-    // The host is closing the connection: wake the plugin's wait instead of letting it run out.
-    if (!thread_.finished()) record_.abortPluginReceive();
-    thread_.join();
+    stopAndJoin();
     callback_.terminate();
 }
 
@@ -54,6 +72,7 @@ void TovraReceiver1P::release(ProtocolFrame& frame)
     for (std::size_t i = 0; i < kBuffers; ++i) {
         if (buffers_[i].get() == &frame) {
             frame.clear();
+            request_[i].store(false);
             inUse_[i].store(false, std::memory_order_release);
         }
     }
@@ -70,6 +89,37 @@ ProtocolFrame* TovraReceiver1P::unusedBuffer()
     return nullptr;
 }
 
+void TovraReceiver1P::markRequest(const ProtocolFrame& frame)
+{
+    for (std::size_t i = 0; i < kBuffers; ++i)
+        if (buffers_[i].get() == &frame) request_[i].store(true);
+}
+
+bool TovraReceiver1P::noRequestPending() const
+{
+    for (std::size_t i = 0; i < kBuffers; ++i)
+        if (inUse_[i].load() && request_[i].load()) return false;
+    return true;
+}
+
+bool TovraReceiver1P::watchForEnd()
+{
+    if (!aside_) aside_ = std::make_unique<ProtocolFrame>();
+    const std::int32_t received = record_.receive().receiveProtocol(*aside_);
+    if (received == err::DisconnectedByPeer) return true;
+    if (received == err::Ok && !thread_.stopRequested()) {
+        // A response that a transceive took meanwhile has freed its buffer.
+        if (ProtocolFrame* buffer = unusedBuffer()) {
+            buffer->copyFrom(*aside_);
+            route(*buffer);
+        } else {
+            TOVRA_LOG_ERROR(record_.logger(), kErrors, "No unused receive buffer available");
+        }
+    }
+    aside_->clear();
+    return false;
+}
+
 void TovraReceiver1P::run()
 {
     TovraLogger& logger = record_.logger();
@@ -77,6 +127,7 @@ void TovraReceiver1P::run()
     for (std::size_t i = 0; i < kBuffers; ++i) {
         buffers_[i]->clear();
         inUse_[i].store(false);
+        request_[i].store(false);
     }
     bool disconnectedByReader = false;
 
@@ -84,16 +135,21 @@ void TovraReceiver1P::run()
         ProtocolFrame* buffer = unusedBuffer();
         if (buffer == nullptr) {
             TOVRA_LOG_ERROR(logger, kErrors, "No unused receive buffer available");
+            if (noRequestPending()) {
+                if (watchForEnd() && !thread_.stopRequested()) {
+                    TOVRA_LOG_TRACE(logger, logcat::Reader, "Detected disconnect by reader");
+                    disconnectedByReader = true;
+                    break;
+                }
+                continue;
+            }
             std::this_thread::sleep_for(kBuffersBusyPause);
             continue;
         }
         const std::int32_t received = record_.receive().receiveProtocol(*buffer);
         if (received == err::DisconnectedByPeer) {
-            // After a stop the end of stream comes from the host's own shutdown.
-            if (!thread_.stopRequested()) {
-                TOVRA_LOG_TRACE(logger, logcat::Reader, "Detected disconnect by reader");
-                disconnectedByReader = true;
-            }
+            TOVRA_LOG_TRACE(logger, logcat::Reader, "Detected disconnect by reader");
+            disconnectedByReader = true;
             release(*buffer);
             break;
         }
@@ -131,6 +187,7 @@ void TovraReceiver1P::route(ProtocolFrame& frame)
     const std::uint8_t flags = frame.directionFlags();
     if ((flags & kDirectionRequest) != 0) {
         TOVRA_LOG_TRACE(logger, logcat::Reader, "Protocol generation enhanced reader request to app");
+        markRequest(frame);
         if (!callback_.deliverRequest(frame)) release(frame);
     } else if ((flags & kDirectionResponse) != 0) {
         TOVRA_LOG_TRACE(logger, logcat::Reader, "Protocol generation enhanced reader response to app");

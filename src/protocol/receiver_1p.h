@@ -25,8 +25,12 @@ public:
     bool start(bool connectedByReader);
     // Asks the thread to end and aborts its receive; does not wait.
     void stop();
-    // Stops and joins the receiver, then the callback thread.
+    // Ends the receiver on behalf of the host: stop, wake the plugin's wait, join. Called
+    // by the callback thread when its connection is to end, and by terminate().
+    void stopAndJoin();
+    // Stops and joins the receiver, then the callback thread, which closes the connection.
     void terminate();
+    bool finished() const { return thread_.finished(); }
     // Marks a handed-over buffer unused again.
     void release(ProtocolFrame& frame);
 
@@ -35,7 +39,14 @@ private:
 
     void run();
     ProtocolFrame* unusedBuffer();
+    // No buffer will come free by itself: none holds a request that the callback thread
+    // is answering.
+    bool noRequestPending() const;
+    // With no buffer to come free, the end of the connection must still be seen: frames are
+    // read aside and routed only if a buffer has come free meanwhile. True when it ended.
+    bool watchForEnd();
     void route(ProtocolFrame& frame);
+    void markRequest(const ProtocolFrame& frame);
 
     ConnectionRecord& record_;
     TovraAppTransceive1P& transceive_;
@@ -43,6 +54,8 @@ private:
     std::array<std::unique_ptr<ProtocolFrame>, kBuffers> buffers_;
     // A buffer is in use from the moment the receiver fills it until its taker releases it.
     std::array<std::atomic<bool>, kBuffers> inUse_{};
+    std::array<std::atomic<bool>, kBuffers> request_{};
+    std::unique_ptr<ProtocolFrame> aside_; // made on first need
     WorkerThread thread_;
 };
 

@@ -12,14 +12,17 @@ std::int32_t TovraTransmit::transmitProtocol(const ProtocolFrame& frame)
 {
     TovraLogger& logger = record_.logger();
     logFrameDump(logger, record_.readerHandle(), record_.name(), frame, DumpDirection::Send);
+    // Held until the send is over, even if the connection is released meanwhile.
+    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
     TOVRA_LOG_TRACE(logger, logcat::Reader, "Lock mutex");
     std::int32_t result = err::NotConnected;
-    {
+    if (plugin) {
         std::lock_guard guard(transmitLock_);
-        if (TovraPlugin* plugin = record_.plugin())
-            result = plugin->pliTransmit(record_.portHandle(), frame.bytes.data(), frame.usedLength());
+        result = plugin->pliTransmit(record_.portHandle(), frame.bytes.data(), frame.usedLength());
     }
     TOVRA_LOG_TRACE(logger, logcat::Reader, "Mutex unlocked");
+    // A send that failed because the host is ending the connection is not the reader's fault.
+    if (result < 0 && plugin && plugin->connectionAborted()) return err::Terminated;
     return result;
 }
 
@@ -28,16 +31,19 @@ std::int32_t TovraReceive::receiveProtocol(ProtocolFrame& frame)
     const std::int32_t timeout = receiveTimeout_.load();
     const std::int64_t deadline = timeout > 0 ? platform::monotonicMicros() + std::int64_t{timeout} * 1000 : 0;
     abortRequested_.store(false);
+    // The receive works on the connection it started on, held until it returns.
+    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    if (!plugin) return err::NotConnected;
 
     std::int32_t received = 0;
     for (;;) {
         frame.clear();
-        TovraPlugin* plugin = record_.plugin();
-        received = plugin != nullptr
-                       ? plugin->pliReceive(record_.portHandle(), frame.bytes.data(), ProtocolFrame::maxLength)
-                       : err::NotConnected;
+        received = plugin->pliReceive(record_.portHandle(), frame.bytes.data(), ProtocolFrame::maxLength);
         if (received >= 0) break;
-        if (received != err::ReceivePending) return received;
+        if (received != err::ReceivePending) {
+            // The host ending the connection wakes the plugin with an end of stream.
+            return plugin->connectionAborted() || abortRequested_.load() ? err::Terminated : received;
+        }
         if (deadline != 0 && platform::monotonicMicros() > deadline) return err::ReceiveTimeout;
         if (abortRequested_.load()) return err::Terminated;
     }

@@ -19,8 +19,17 @@ public:
 
     void free()
     {
+        freeAfter([] {});
+    }
+
+    // Runs `last` and frees the channel as one step: a thread that sees the effect of
+    // `last` and then claims is sure to succeed.
+    template <typename Last>
+    void freeAfter(Last&& last)
+    {
         {
             std::lock_guard guard(lock_);
+            last();
             claim_ = 0;
         }
         freed_.notify_all();

@@ -7,6 +7,12 @@
 
 namespace tovra {
 
+ConnectionRecord::~ConnectionRecord()
+{
+    destroyListener();
+    reapStoppedListener();
+}
+
 void ConnectionRecord::bind(TovraReader* reader, TovraLogger& logger, std::int32_t readerHandle)
 {
     reader_ = reader;
@@ -20,23 +26,16 @@ void ConnectionRecord::createHelpers()
     receive_ = std::make_unique<TovraReceive>(*this);
 }
 
-void ConnectionRecord::abortPluginReceive()
-{
-    // Under the lock that closing and releasing the plugin take, so it cannot vanish meanwhile.
-    std::lock_guard guard(transmitLockOf());
-    if (plugin_) plugin_->pliAbortReceive();
-}
-
-std::mutex& ConnectionRecord::transmitLockOf()
-{
-    // Records used without helpers (none in a module's unused channels) have nothing to exclude.
-    return transmit_ ? transmit_->lock() : spareLock_;
-}
-
 void ConnectionRecord::destroyHelpers()
 {
     transmit_.reset();
     receive_.reset();
+}
+
+std::shared_ptr<TovraPlugin> ConnectionRecord::plugin() const
+{
+    std::lock_guard guard(pluginLock_);
+    return plugin_;
 }
 
 std::int32_t ConnectionRecord::createPlugin(const char* connector)
@@ -53,66 +52,98 @@ std::int32_t ConnectionRecord::createPlugin(const char* connector)
     return result;
 }
 
-void ConnectionRecord::adoptPlugin(std::unique_ptr<TovraPlugin> plugin)
+void ConnectionRecord::adoptPlugin(std::shared_ptr<TovraPlugin> plugin)
 {
-    if (plugin_) releasePlugin();
-    std::scoped_lock guard(transmitLockOf(), textLock_);
+    if (this->plugin()) releasePlugin();
+    std::lock_guard guard(pluginLock_);
     plugin_ = std::move(plugin);
 }
 
 void ConnectionRecord::releasePlugin()
 {
-    std::unique_ptr<TovraPlugin> plugin;
-    {
-        std::scoped_lock guard(transmitLockOf(), textLock_);
-        plugin = std::move(plugin_);
-    }
+    std::shared_ptr<TovraPlugin> plugin = this->plugin();
     if (!plugin) return;
+    // Asked before the plugin leaves the record, so that the error text never falls
+    // between the plugin's own text and the cached one.
     const std::int32_t code = plugin->pliGetLastError(portHandle());
     const char* text = plugin->pliGetErrorText(code);
-    std::lock_guard guard(textLock_);
+    std::string cachedText = text != nullptr ? text : "";
+    std::scoped_lock guard(textLock_, pluginLock_);
     cachedPluginError_ = code;
-    cachedPluginErrorText_ = text != nullptr ? text : "";
+    cachedPluginErrorText_ = std::move(cachedText);
+    plugin_.reset();
 }
 
 std::int32_t ConnectionRecord::disconnectPlugin()
 {
-    std::lock_guard guard(transmitLockOf());
-    std::int32_t result = 0;
-    if (plugin_) result = plugin_->pliDisconnect(portHandle());
-    setPortHandle(-1);
-    return result;
+    const std::shared_ptr<TovraPlugin> plugin = this->plugin();
+    if (!plugin) return err::Ok;
+    std::lock_guard guard(transmit_ ? transmit_->lock() : spareLock_);
+    return plugin->pliDisconnect(portHandle());
+}
+
+void ConnectionRecord::abortPluginReceive()
+{
+    if (const std::shared_ptr<TovraPlugin> plugin = this->plugin()) plugin->abortConnection();
+}
+
+void ConnectionRecord::retireConnection()
+{
+    releasePlugin();
+    const bool accepted = accepted_.exchange(false);
+    claim_.freeAfter([this] { setPortHandle(-1); });
+    // The listener took the gate for this connection: the next reader may come now.
+    if (accepted) gate_.release();
 }
 
 std::int32_t ConnectionRecord::createListener(const char* listenerText)
 {
     if (listenerText == nullptr) return err::ListenerParameter;
     if (listener_) return err::ListenerRunning;
+    reapStoppedListener();
     return tovra::createListener(connectorType(listenerText), *this, listener_);
 }
 
 void ConnectionRecord::destroyListener()
 {
-    if (listener_) listener_->stop();
-    listener_.reset();
+    if (!listener_) return;
+    listener_->stop();
+    // Its own thread cannot wait for itself: the listener is destroyed later, from elsewhere.
+    if (listener_->onOwnThread()) stoppedListener_ = std::move(listener_);
+    else listener_.reset();
+    reapStoppedListener();
+}
+
+void ConnectionRecord::reapStoppedListener()
+{
+    if (stoppedListener_ && !stoppedListener_->onOwnThread()) stoppedListener_.reset();
+}
+
+bool ConnectionRecord::listenerIdle() const
+{
+    return (!listener_ || listener_->idle()) && (!stoppedListener_ || stoppedListener_->idle());
 }
 
 const char* ConnectionRecord::errorText(std::int32_t code)
 {
+    // The plugin composes its text without any lock of ours held.
+    const std::shared_ptr<TovraPlugin> plugin = this->plugin();
+    std::string text = composeErrorText(code, plugin);
     std::lock_guard guard(textLock_);
-    errorText_ = composeErrorText(code);
+    errorText_ = std::move(text);
     return errorText_.c_str();
 }
 
-std::string ConnectionRecord::composeErrorText(std::int32_t code) const
+std::string ConnectionRecord::composeErrorText(std::int32_t code, const std::shared_ptr<TovraPlugin>& plugin) const
 {
     if (code == 0) return "Ok, no error";
     // -5022 names the libraries and versions involved: only the plugin knows them.
     if (code >= -5999 && code <= -5000 && code != err::PluginVersionMismatch) return libraryErrorText(code);
-    if (plugin_) {
-        const char* text = plugin_->pliGetErrorText(code);
+    if (plugin) {
+        const char* text = plugin->pliGetErrorText(code);
         return text != nullptr ? text : "";
     }
+    std::lock_guard guard(textLock_);
     if (code == cachedPluginError_) return cachedPluginErrorText_;
     return "Plugin error " + std::to_string(code);
 }

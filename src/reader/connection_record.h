@@ -18,9 +18,15 @@ class TovraLogger;
 class TovraReader;
 
 // The state of one channel of a reader: "SingleCh", "AppCh" or "RdrCh".
+//
+// A connection on a channel lives from a connect (or an accepted reader) to its
+// retirement, and only one party retires it: the thread that serves it. The plugin is
+// shared by whoever uses it (transmit, receive, abort), so releasing it from the record
+// never frees it under a running call. See TovraReader for the whole rule.
 class ConnectionRecord {
 public:
     ConnectionRecord() = default;
+    ~ConnectionRecord();
     ConnectionRecord(const ConnectionRecord&) = delete;
     ConnectionRecord& operator=(const ConnectionRecord&) = delete;
 
@@ -35,18 +41,24 @@ public:
     // the connector first. 0 or -5020.
     std::int32_t createPlugin(const char* connector);
     // Makes `plugin` the record's plugin, releasing any previous one first.
-    void adoptPlugin(std::unique_ptr<TovraPlugin> plugin);
-    // Caches the plugin's last error and its text, then destroys the plugin. The thread that
-    // receives on the plugin must have ended; senders are kept out by the transmit lock.
+    void adoptPlugin(std::shared_ptr<TovraPlugin> plugin);
+    // Caches the plugin's last error and its text, then lets go of the plugin; it is
+    // destroyed as soon as no transmit or receive holds it any more.
     void releasePlugin();
-    // Closes the plugin's connection (pliDisconnect) and marks the channel disconnected;
-    // 0 or the plugin's result.
+    // Closes the plugin's connection (pliDisconnect) with senders kept out; 0 or the
+    // plugin's result. Every receiver on the plugin must have returned.
     std::int32_t disconnectPlugin();
-    // Wakes a receive that waits on the plugin, ahead of a disconnect by the host.
+    // Wakes every wait on the plugin for good, ahead of the host ending the connection.
     void abortPluginReceive();
+    // The end of a connection: the plugin is released, then the channel is free again
+    // (port handle -1, claim free, listener gate released) in one step, so that a
+    // "Discon" state always means that a new connection may start.
+    void retireConnection();
     // 0, -5009 (null text), -5008 (already listening) or -5030.
     std::int32_t createListener(const char* listenerText);
     void destroyListener();
+    // No listener thread runs (a listener stopped from its own thread is still ending).
+    bool listenerIdle() const;
 
     // The text behind the reader's last-error text; valid until the next call.
     const char* errorText(std::int32_t code);
@@ -56,13 +68,18 @@ public:
     const char* connectorText() const;
     void setConnector(const char* connector);
 
-    TovraPlugin* plugin() const { return plugin_.get(); }
+    // The plugin, held for as long as the caller keeps the pointer.
+    std::shared_ptr<TovraPlugin> plugin() const;
     TovraListener* listener() const { return listener_.get(); }
     TovraTransmit& transmit() { return *transmit_; }
     TovraReceive& receive() { return *receive_; }
     const TovraReceive& receive() const { return *receive_; }
     bool hasHelpers() const { return transmit_ != nullptr; }
     ClaimGuard& claim() { return claim_; }
+    // Serialises starting and ending connections on this channel (connect, accept,
+    // disconnect, stop). Taken before any other lock of the record, and never by a thread
+    // that serves the channel.
+    std::mutex& lifecycle() { return lifecycle_; }
     TovraReader* reader() const { return reader_; }
     TovraLogger& logger() const { return *logger_; }
     const std::string& name() const { return name_; }
@@ -87,12 +104,10 @@ public:
     ConnectionGate& connectionGate() { return gate_; }
     // Whether the current connection came through a listener, which holds the gate for it.
     void setAccepted(bool accepted) { accepted_.store(accepted); }
-    bool takeAccepted() { return accepted_.exchange(false); }
 
 private:
-    std::mutex& transmitLockOf();
-    // The caller holds textLock_.
-    std::string composeErrorText(std::int32_t code) const;
+    std::string composeErrorText(std::int32_t code, const std::shared_ptr<TovraPlugin>& plugin) const;
+    void reapStoppedListener();
 
     std::int32_t readerHandle_ = 0;
     std::atomic<std::int32_t> portHandle_{-1};
@@ -103,11 +118,17 @@ private:
     TovraLogger* logger_ = nullptr;
     std::unique_ptr<TovraTransmit> transmit_;
     std::unique_ptr<TovraReceive> receive_;
-    std::unique_ptr<TovraPlugin> plugin_;
+    std::mutex lifecycle_;
+    // Guards only the plugin pointer: a copy is taken under it and used outside it.
+    mutable std::mutex pluginLock_;
+    std::shared_ptr<TovraPlugin> plugin_;
     std::unique_ptr<TovraListener> listener_;
+    // A listener stopped from its own thread, destroyed by the next start or stop.
+    std::unique_ptr<TovraListener> stoppedListener_;
     ClaimGuard claim_;
     ConnectionGate gate_;
     std::atomic<bool> accepted_{false};
+    // Stands in for the transmit lock on a record without helpers.
     std::mutex spareLock_;
 
     // Texts that application threads read while others replace them.

@@ -8,6 +8,7 @@
 #include "protocol/app_transceive_1p.h"
 #include "protocol/rdr_channel_2p.h"
 #include "protocol/receiver_1p.h"
+#include "protocol/worker_thread.h"
 #include "reader/connector.h"
 #include "tovra/zk_parameter.h"
 
@@ -63,9 +64,7 @@ TovraReader::TovraReader(std::int32_t moduleKind, const char* connector)
 TovraReader::~TovraReader()
 {
     TOVRA_LOG_TRACE(logger_, logcat::Reader, "Deleting module ...");
-    terminate();
-    stopListener();
-    disconnectByHost();
+    shutdown();
     receiver1P_.reset();
     transceive1P_.reset();
     callback1P_.reset();
@@ -107,6 +106,62 @@ void TovraReader::terminate()
         if (record->hasHelpers()) record->receive().abort();
 }
 
+void TovraReader::shutdown()
+{
+    // On one of the reader's own threads its connection ends once the current callback has
+    // returned, its response sent: stopping that connection's threads now would drop it.
+    if (onOwnThread()) terminating_.store(true);
+    else terminate();
+    stopListener();
+    disconnectByHost();
+}
+
+bool TovraReader::onOwnThread() const { return WorkerThread::currentOwner() == this; }
+
+bool TovraReader::quiescent() const
+{
+    if (isOnePort()) return receiver1P_->finished() && callback1P_->finished() && single_.listenerIdle();
+    return rdrChannel2P_->finished() && rdr_.listenerIdle();
+}
+
+void TovraReader::endOwnConnectionLater()
+{
+    if (isOnePort()) {
+        // Inside an application callback the response goes out first; on the receiver's or
+        // a listener's thread (a logging callback) the receiver is asked to stop.
+        if (callback1P_->isCurrent()) callback1P_->endAfterCallback();
+        else receiver1P_->stop();
+    } else if (rdrChannel2P_->isCurrent()) {
+        rdrChannel2P_->endAfterCallback();
+    } else {
+        rdrChannel2P_->stop();
+    }
+}
+
+bool TovraReader::startChannel(ConnectionRecord& record, bool byReader)
+{
+    bool started = false;
+    try {
+        started = isOnePort() ? receiver1P_->start(byReader) : rdrChannel2P_->start();
+    } catch (...) {
+        // The system refused a thread.
+    }
+    if (started) return true;
+    // Whatever did start ends the connection on its way out; otherwise it ends here.
+    endReaderChannel();
+    if (record.connected()) {
+        record.disconnectPlugin();
+        record.retireConnection();
+    }
+    return false;
+}
+
+void TovraReader::endReaderChannel()
+{
+    if (isOnePort()) receiver1P_->terminate();
+    else rdrChannel2P_->terminate();
+}
+
 void TovraReader::setReceiveTimeout(std::uint32_t milliseconds)
 {
     TOVRA_LOG_TRACE(logger_, logcat::Reader, "Set receive timeout ", milliseconds, " msec");
@@ -125,6 +180,10 @@ std::int32_t TovraReader::connectByHost(const char* connection)
     lastError_.store(0);
     ConnectionRecord& record = hostRecord();
     if (!record.claim().tryClaim()) return fail(err::ConnectFailed);
+    std::lock_guard life(record.lifecycle());
+    // Threads of a connection the reader closed are on their way out: reap them before
+    // anything of the new connection exists.
+    if (isOnePort()) receiver1P_->terminate();
 
     const std::int32_t created = record.createPlugin(connection);
     if (created < 0) {
@@ -135,8 +194,8 @@ std::int32_t TovraReader::connectByHost(const char* connection)
     TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port connect: " : "2port app channel connect: ",
                     connector);
 
-    TovraPlugin* plugin = record.plugin();
-    const std::int32_t port = plugin != nullptr ? plugin->pliConnect(connector.c_str()) : err::CannotLoadPlugin;
+    const std::shared_ptr<TovraPlugin> plugin = record.plugin();
+    const std::int32_t port = plugin ? plugin->pliConnect(connector.c_str()) : err::CannotLoadPlugin;
     if (port < 0) {
         lastError_.store(port);
         TOVRA_LOG_ERROR(logger_, kReaderErrors, lastErrorText());
@@ -144,14 +203,10 @@ std::int32_t TovraReader::connectByHost(const char* connection)
         record.claim().free();
         return port;
     }
+    if (isOnePort()) transceive1P_->resetReceiverEnded();
     record.setPortHandle(port);
     setReceiveTimeout(kConnectTimeoutMs);
-    if (isOnePort()) {
-        // Threads of a connection the reader closed may still be on their way out: reap them.
-        receiver1P_->terminate();
-        transceive1P_->resetReceiverEnded();
-        receiver1P_->start(false);
-    }
+    if (isOnePort() && !startChannel(record, false)) return fail(err::CannotCreateReader);
     return err::Ok;
 }
 
@@ -178,6 +233,12 @@ void TovraReader::disconnectByHost()
     ConnectionRecord& record = hostRecord();
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "Shutdown bi-dir connection by host ..." : "Disconnect uni-dir app channel by host ...");
+    if (isOnePort() && onOwnThread()) {
+        if (record.claim().tryClaim()) record.claim().free();
+        else endOwnConnectionLater();
+        return;
+    }
+    std::lock_guard life(record.lifecycle());
     if (record.claim().tryClaim()) {
         record.claim().free();
         return;
@@ -188,8 +249,12 @@ void TovraReader::disconnectByHost()
         TOVRA_LOG_TRACE(logger_, logcat::Reader, "... bi-dir disconnected by host");
         return;
     }
+    // A transceive that waits is woken and returns before the plugin is closed.
+    record.abortPluginReceive();
+    record.receive().abort();
+    std::lock_guard exchange(appChannel2P_->exchangeLock());
     record.disconnectPlugin();
-    connectionClosed(record);
+    record.retireConnection();
     TOVRA_LOG_TRACE(logger_, logcat::Reader, "... uni-dir app channel disconnected by host");
 }
 
@@ -232,11 +297,17 @@ std::int32_t TovraReader::stopListener()
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "Shutdown 1port connection and listener ..."
                                 : "Shutdown 2port reader channel connection and listener ...");
-    // The listener goes first, so that no reader is accepted behind the check below.
+    // The listener goes first, so that no reader is accepted behind the check below. Its
+    // thread never waits for a channel thread whose connection holds the channel.
     record.destroyListener();
-    if (record.claim().tryClaim()) record.claim().free();
-    else if (isOnePort()) receiver1P_->terminate();
-    else rdrChannel2P_->terminate();
+    if (onOwnThread()) {
+        if (record.claim().tryClaim()) record.claim().free();
+        else endOwnConnectionLater();
+    } else {
+        std::lock_guard life(record.lifecycle());
+        if (record.claim().tryClaim()) record.claim().free();
+        else endReaderChannel();
+    }
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "... 1port listener stopped" : "... 2port reader channel listener stopped");
     return err::Ok;
@@ -245,7 +316,7 @@ std::int32_t TovraReader::stopListener()
 std::int32_t TovraReader::paramPlugin(ConnectionRecord& record, const char* parameters)
 {
     std::int32_t accepted = 0;
-    TovraPlugin* plugin = record.plugin();
+    const std::shared_ptr<TovraPlugin> plugin = record.plugin();
     if (parameters == nullptr || plugin == nullptr) return accepted;
     std::string key, value;
     for (const char* p = parameters; p != nullptr;) {
@@ -287,6 +358,7 @@ void TovraReader::setDetectSerialCallback(void* context, TOVRA_DetectSerialCallb
 
 void TovraReader::connectedByReader(ConnectionRecord& record)
 {
+    if (deleted_.load()) return;
     TOVRA_ReaderConnectedCallback callback = nullptr;
     void* context = nullptr;
     {
@@ -303,6 +375,7 @@ void TovraReader::connectedByReader(ConnectionRecord& record)
 
 void TovraReader::disconnectedByReader(ConnectionRecord& record)
 {
+    if (deleted_.load()) return;
     TOVRA_ReaderDisconnectedCallback callback = nullptr;
     void* context = nullptr;
     {
@@ -326,7 +399,7 @@ std::int32_t TovraReader::readerRequest(ConnectionRecord& record, const Protocol
 
     TOVRA_ReaderRequestCallback callback = nullptr;
     void* context = nullptr;
-    {
+    if (!deleted_.load()) {
         std::lock_guard guard(requestLock_);
         callback = requestCallback_;
         context = requestContext_;
@@ -359,9 +432,11 @@ std::int32_t TovraReader::connectByReaderAccepted(ConnectionRecord& record)
         TOVRA_LOG_TRACE(logger_, logcat::Reader, "Terminating: connection request canceled");
         return err::AcceptWhileTerminating;
     }
-    if (!isOnePort()) rdrChannel2P_->terminate();
     // A channel that the host has connected meanwhile cannot take the reader's connection.
     if (!record.claim().tryClaim()) return fail(err::ConnectFailed);
+    std::lock_guard life(record.lifecycle());
+    // The threads of the previous connection are on their way out: reap them first.
+    endReaderChannel();
 
     const std::int32_t created = record.createPlugin(nullptr);
     if (created < 0) {
@@ -370,8 +445,8 @@ std::int32_t TovraReader::connectByReaderAccepted(ConnectionRecord& record)
     }
     TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port accept: " : "2port reader channel accept: ",
                     record.connectionText());
-    TovraPlugin* plugin = record.plugin();
-    const std::int32_t port = plugin != nullptr ? plugin->pliAccept(record.listener()) : err::CannotLoadPlugin;
+    const std::shared_ptr<TovraPlugin> plugin = record.plugin();
+    const std::int32_t port = plugin ? plugin->pliAccept(record.listener()) : err::CannotLoadPlugin;
     if (port < 0) {
         lastError_.store(port);
         TOVRA_LOG_ERROR(logger_, kReaderErrors, record.errorText(port));
@@ -382,22 +457,13 @@ std::int32_t TovraReader::connectByReaderAccepted(ConnectionRecord& record)
     record.setPortHandle(port);
     record.setAccepted(true);
     if (isOnePort()) {
-        receiver1P_->terminate(); // reaps the threads of an earlier connection
         transceive1P_->setResponseTimeout(kConnectTimeoutMs);
         transceive1P_->resetReceiverEnded();
-        receiver1P_->start(true);
-    } else {
-        rdrChannel2P_->start();
     }
+    // Kept even if its threads could not start: the connection has then ended already,
+    // and its end has released the listener's gate.
+    startChannel(record, true);
     return err::Ok;
-}
-
-void TovraReader::connectionClosed(ConnectionRecord& record)
-{
-    record.releasePlugin();
-    record.claim().free();
-    // The listener took the gate for this connection: the next reader may come now.
-    if (record.takeAccepted()) record.connectionGate().release();
 }
 
 void TovraReader::setFrameType(std::uint8_t frameType)

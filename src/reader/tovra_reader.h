@@ -20,6 +20,26 @@ struct ProtocolFrame;
 
 // The module behind one reader handle: a one-port module (kind 2, channel "SingleCh") or a
 // two-port module (any other kind, channels "AppCh" and "RdrCh").
+//
+// How connections start and end, so that none can crash, hang or cut off another:
+//
+// 1. A connection is retired as a whole, by the one party that serves it: the one-port
+//    callback thread, the two-port reader channel thread, or, for the two-port application
+//    channel, the host's disconnect once it holds the exchange lock. That party closes the
+//    plugin only after every receive on it has returned, and frees the channel (plugin
+//    released, port handle -1, claim and listener gate free) as its very last step. A
+//    channel that reads "Discon" is free, and nothing of the old connection touches the
+//    next one.
+// 2. Whoever uses a plugin holds it: transmit, receive and abort work on the plugin they
+//    started with, so letting go of it in the record never frees it under a running call.
+// 3. A new connection first reaps the threads of the previous one, which have freed the
+//    channel and are on their way out. Starting and ending connections on a channel are
+//    serialised by the record's lifecycle lock, which no thread serving the channel takes.
+// 4. No library thread waits for itself. Ending a connection from one of the reader's own
+//    threads (an application callback calling DisconnectByHost, StopListener or Delete) is
+//    recorded and carried out by that thread once the callback has returned, its response
+//    sent; its own join is left to whoever reaps it next: a connect, a stop, the
+//    destructor, or the registry for a reader deleted from its own callback.
 class TovraReader {
 public:
     TovraReader(std::int32_t moduleKind, const char* connector);
@@ -41,6 +61,16 @@ public:
     // Marks the module as terminating and releases the waits of its channels; never blocks.
     void terminate();
     bool terminating() const { return terminating_.load(); }
+    // What destruction does before it frees anything: terminate, stop the listener, end the
+    // host connection. On one of the reader's own threads nothing is waited for: the
+    // connections end once the current callback has returned.
+    void shutdown();
+    // Deleted from one of its own callbacks: the application hears nothing more from it.
+    void markDeleted() { deleted_.store(true); }
+    // True on a thread this reader started.
+    bool onOwnThread() const;
+    // No thread of this reader runs any more.
+    bool quiescent() const;
 
     void setReceiveTimeout(std::uint32_t milliseconds);
     std::int32_t receiveTimeout() const;
@@ -73,8 +103,6 @@ public:
     // Hands a reader's request to the application and builds the response frame:
     // 0 when there is a response to send, -1 when there is none.
     std::int32_t readerRequest(ConnectionRecord& record, const ProtocolFrame& request, ProtocolFrame& response);
-    // The channel's connection is gone: the plugin is released and the channel is free again.
-    void connectionClosed(ConnectionRecord& record);
 
 private:
     // The channel the host connects: "SingleCh" or "AppCh".
@@ -84,10 +112,18 @@ private:
     ConnectionRecord& readerRecord() { return isOnePort() ? single_ : rdr_; }
     std::int32_t fail(std::int32_t code);
     const char* channelWords() const;
+    // Ends the connection that the calling thread, one of this reader's own, serves.
+    void endOwnConnectionLater();
+    // Stops the threads of the reader channel's connection and waits for them.
+    void endReaderChannel();
+    // Starts the threads of a new connection on `record`; when they cannot start, the
+    // connection is ended and false returned.
+    bool startChannel(ConnectionRecord& record, bool byReader);
 
     const std::int32_t moduleKind_;
     std::atomic<std::int32_t> lastError_{0};
     std::atomic<bool> terminating_{false};
+    std::atomic<bool> deleted_{false};
     const std::int32_t handle_;
     TovraLogger logger_;
 
