@@ -16,7 +16,7 @@ run_suite() {
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
   echo "== $preset: test"
-  ctest --preset "$preset" -j "$jobs" | tee "$log"
+  ctest --preset "$preset" -j "$jobs" --output-on-failure | tee "$log"
   local count
   count=$(sed -n 's/.* tests passed, 0 tests failed out of \([0-9]*\).*/\1/p' "$log")
   passed=$((passed + ${count:-0}))
@@ -26,10 +26,17 @@ run_suite linux
 run_suite asan
 run_suite tsan
 
-# Wine builds its prefix on first use; do it once, before tests run in parallel.
+# Wine builds its prefix on first use: once, and to the end, before tests run in parallel.
+# Then one wine server serves the whole suite: a server that exits between two test
+# programs races the one the next program starts.
 export WINEDEBUG=-all
 timeout 300 /usr/lib/wine/wine64 wineboot --init >/dev/null 2>&1 || true
+timeout 120 /usr/lib/wine/wineserver -w || true
+/usr/lib/wine/wineserver -p
+trap 'rm -f "$log"; /usr/lib/wine/wineserver -k 2>/dev/null || true' EXIT
 run_suite windows
+/usr/lib/wine/wineserver -k 2>/dev/null || true
+trap 'rm -f "$log"' EXIT
 
 echo "== fuzz: build"
 cmake --preset fuzz >/dev/null
