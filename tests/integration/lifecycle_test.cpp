@@ -217,6 +217,56 @@ TEST(HostConnection, AFrameIsNeverCutShortOnAConnectionThatStaysOpen)
     EXPECT_GT(frames, 0u);
 }
 
+TEST(HostConnection, DeleteWhileAnotherThreadIsInsideACall)
+{
+    ReaderSim sim;
+    ASSERT_TRUE(sim.listen());
+    sim.setFault(FaultKind::silence);
+    for (std::int32_t kind : {kOnePort, kTwoPort}) {
+        for (int round = 0; round < repeat(30); ++round) {
+            const std::int32_t reader = TOVRA_Create(kind, tcpText(sim.port()).c_str());
+            ASSERT_EQ(TOVRA_ConnectByHost(reader, nullptr), 0);
+            const std::size_t seen = sim.requestsSeen();
+            std::atomic<std::int32_t> result{1};
+            std::thread waiting([&] {
+                Bytes response;
+                result = transceive(reader, {0x65, 0x02}, response);
+            });
+            ASSERT_TRUE(waitUntil([&] { return sim.requestsSeen() > seen; }));
+            EXPECT_EQ(TOVRA_Delete(reader), 0);
+            waiting.join();
+            EXPECT_TRUE(result == -5011 || result == -5018) << result;
+            EXPECT_EQ(TOVRA_Transceive(reader, nullptr, 0, nullptr, nullptr), -5002);
+        }
+    }
+}
+
+TEST(HostConnection, ConnectAndDisconnectFromTwoThreadsAtOnce)
+{
+    ReaderSim sim;
+    ASSERT_TRUE(sim.listen());
+    for (std::int32_t kind : {kOnePort, kTwoPort}) {
+        const std::int32_t reader = TOVRA_Create(kind, tcpText(sim.port()).c_str());
+        std::atomic<bool> done{false};
+        std::thread disconnecting([&] {
+            while (!done) EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
+        });
+        for (int i = 0; i < repeat(1000); ++i) {
+            const std::int32_t connected = TOVRA_ConnectByHost(reader, nullptr);
+            EXPECT_TRUE(connected == 0 || connected == -5004) << connected;
+        }
+        done = true;
+        disconnecting.join();
+        EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
+        EXPECT_EQ(stateOf(reader), kind == kOnePort ? "SingleCh=Discon" : "AppCh=Discon:RdrCh=Discon");
+        // Nothing of the race is left over: the next connection works.
+        ASSERT_EQ(TOVRA_ConnectByHost(reader, nullptr), 0);
+        Bytes response;
+        EXPECT_EQ(transceive(reader, {0x65, 0x03}, response), 0);
+        EXPECT_EQ(TOVRA_Delete(reader), 0);
+    }
+}
+
 // --- Application callbacks that end what they run in ---------------------------------
 
 enum class Site { connected, request, disconnected };
