@@ -30,6 +30,7 @@ run_suite tsan
 # Then one wine server serves the whole suite: a server that exits between two test
 # programs races the one the next program starts.
 export WINEDEBUG=-all
+/usr/lib/wine/wineserver -k 2>/dev/null || true # one left over from an earlier run
 timeout 300 /usr/lib/wine/wine64 wineboot --init >/dev/null 2>&1 || true
 timeout 120 /usr/lib/wine/wineserver -w || true
 /usr/lib/wine/wineserver -p
