@@ -34,6 +34,9 @@ export WINEDEBUG=-all
 timeout 300 /usr/lib/wine/wine64 wineboot --init >/dev/null 2>&1 || true
 timeout 120 /usr/lib/wine/wineserver -w || true
 /usr/lib/wine/wineserver -p
+# The first program on a new server starts wine's services; two first programs at once
+# can hang on exit. One program alone goes first.
+timeout 60 /usr/lib/wine/wine64 cmd /c exit >/dev/null 2>&1 || true
 trap 'rm -f "$log"; /usr/lib/wine/wineserver -k 2>/dev/null || true' EXIT
 run_suite windows
 /usr/lib/wine/wineserver -k 2>/dev/null || true
