@@ -1,11 +1,13 @@
 #include "readersim/reader_sim.h"
 
 #include "platform/net.h"
+#include "platform/pty.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <algorithm>
+#include <functional>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -18,6 +20,11 @@ namespace net = tovra::platform;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr milliseconds kPatience{10000};  // only reached when something is broken
+#ifdef _WIN32
+constexpr bool kHasPty = false;  // the simulator serves pseudo-terminals on Linux only
+#else
+constexpr bool kHasPty = true;
+#endif
 
 Bytes pattern(std::size_t length, std::uint8_t first) {
     Bytes bytes(length);
@@ -26,25 +33,16 @@ Bytes pattern(std::size_t length, std::uint8_t first) {
     return bytes;
 }
 
-// A loopback peer built from the socket seam and the simulator's codec.
-class RawPeer {
+// The other side of the simulator: frames out of whatever it sends.
+class Peer {
 public:
-    explicit RawPeer(net::SocketHandle socket) : socket_(socket) {}
-    static RawPeer connectTo(std::uint16_t port) {
-        net::SocketAddress address{};
-        EXPECT_TRUE(net::parseNumericAddress("127.0.0.1", port, address));
-        const net::SocketHandle s = net::openSocket(net::AddressFamily::ipv4, net::SocketKind::stream);
-        EXPECT_EQ(net::connectSocket(s, address), 0);
-        return RawPeer(s);
-    }
-    RawPeer(RawPeer&& other) noexcept : socket_(std::exchange(other.socket_, net::kInvalidSocket)) {}
-    ~RawPeer() {
-        if (socket_ != net::kInvalidSocket) net::closeSocket(socket_);
-    }
+    Peer() = default;
+    Peer(Peer&&) noexcept = default;
+    virtual ~Peer() = default;
 
     void send(const Bytes& bytes) {
         for (std::size_t done = 0; done < bytes.size();) {
-            const auto sent = net::sendBytes(socket_, bytes.data() + done, bytes.size() - done);
+            const auto sent = writeSome(bytes.data() + done, bytes.size() - done);
             ASSERT_GT(sent, 0);
             done += static_cast<std::size_t>(sent);
         }
@@ -70,25 +68,104 @@ public:
     }
     const Bytes& inbox() const { return inbox_; }
 
+protected:
+    // Bytes read; 0 when the stream has ended, -1 on time-out.
+    virtual std::ptrdiff_t readSome(std::uint8_t* buffer, std::size_t length, milliseconds timeout) = 0;
+    virtual std::ptrdiff_t writeSome(const std::uint8_t* data, std::size_t length) = 0;
+
 private:
     bool fill(milliseconds timeout) {
-        if ((net::waitSocket(socket_, true, false, static_cast<int>(timeout.count())) & net::kWaitReadable) == 0) {
-            return false;
-        }
         std::uint8_t buffer[65536];
-        const auto got = net::recvBytes(socket_, buffer, sizeof buffer);
-        if (got <= 0) {
-            ended_ = true;
-            return false;
-        }
+        const auto got = readSome(buffer, sizeof buffer, timeout);
+        if (got == 0) ended_ = true;
+        if (got <= 0) return false;
         inbox_.insert(inbox_.end(), buffer, buffer + got);
         return true;
     }
 
-    net::SocketHandle socket_;
     Bytes inbox_;
     bool ended_ = false;
 };
+
+// A loopback peer built from the socket seam and the simulator's codec.
+class RawPeer : public Peer {
+public:
+    explicit RawPeer(net::SocketHandle socket) : socket_(socket) {}
+    static RawPeer connectTo(std::uint16_t port) {
+        net::SocketAddress address{};
+        EXPECT_TRUE(net::parseNumericAddress("127.0.0.1", port, address));
+        const net::SocketHandle s = net::openSocket(net::AddressFamily::ipv4, net::SocketKind::stream);
+        EXPECT_EQ(net::connectSocket(s, address), 0);
+        return RawPeer(s);
+    }
+    RawPeer(RawPeer&& other) noexcept
+        : Peer(std::move(other)), socket_(std::exchange(other.socket_, net::kInvalidSocket)) {}
+    ~RawPeer() override {
+        if (socket_ != net::kInvalidSocket) net::closeSocket(socket_);
+    }
+
+protected:
+    std::ptrdiff_t readSome(std::uint8_t* buffer, std::size_t length, milliseconds timeout) override {
+        if ((net::waitSocket(socket_, true, false, static_cast<int>(timeout.count())) & net::kWaitReadable) == 0) {
+            return -1;
+        }
+        return std::max<std::ptrdiff_t>(net::recvBytes(socket_, buffer, length), 0);
+    }
+    std::ptrdiff_t writeSome(const std::uint8_t* data, std::size_t length) override {
+        return net::sendBytes(socket_, data, length);
+    }
+
+private:
+    net::SocketHandle socket_;
+};
+
+// The host's end of a serial line: the pseudo-terminal's slave, as a port's user opens it.
+class PtyPeer : public Peer {
+public:
+    explicit PtyPeer(const std::string& path) : slave_(net::openPtySlave(path)) {
+        EXPECT_NE(slave_, net::kInvalidPty) << path;
+    }
+    PtyPeer(const PtyPeer&) = delete;
+    ~PtyPeer() override { net::closePtySlave(slave_); }
+
+    bool setLine(const LineSettings& line) {
+        return net::setPtySlaveSettings(slave_, {.baud = line.baud, .parity = line.parity, .stopBits = line.stopBits});
+    }
+    bool hasInput() { return (net::waitPty(slave_, true, false, 0) & net::kWaitReadable) != 0; }
+
+protected:
+    std::ptrdiff_t readSome(std::uint8_t* buffer, std::size_t length, milliseconds timeout) override {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0 || net::waitPty(slave_, true, false, static_cast<int>(left.count())) <= 0) return -1;
+            const auto got = net::ptyRead(slave_, buffer, length);
+            if (got >= 0 || !net::isWouldBlock(net::lastSocketError())) return std::max<std::ptrdiff_t>(got, 0);
+        }
+    }
+    std::ptrdiff_t writeSome(const std::uint8_t* data, std::size_t length) override {
+        // The slave holds only a few KiB: wait until the simulator has read some.
+        for (;;) {
+            if ((net::waitPty(slave_, false, true, static_cast<int>(kPatience.count())) & net::kWaitWritable) == 0) {
+                return -1;
+            }
+            const auto wrote = net::ptyWrite(slave_, data, length);
+            if (wrote >= 0 || !net::isWouldBlock(net::lastSocketError())) return wrote;
+        }
+    }
+
+private:
+    net::PtyHandle slave_;
+};
+
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(milliseconds(1));
+    }
+    return true;
+}
 
 TEST(ReaderSimCodec, CrcAndLayoutOfEachGeneration) {
     const std::string_view check = "123456789";
@@ -213,6 +290,142 @@ TEST_F(ReaderSimServer, FaultsShapeTheResponse) {
     ASSERT_GE(client.inbox().size(), 3U);
     EXPECT_EQ(client.inbox()[1], 0x80);
     EXPECT_EQ(client.inbox()[2], 0x01);
+}
+
+TEST(ReaderSimLine, ParsesSettingsText) {
+    EXPECT_EQ(LineSettings::parse("9600:8E1"), (LineSettings{9600, 8, 'E', 1}));
+    EXPECT_EQ(LineSettings::parse("115200 7o2"), (LineSettings{115200, 7, 'O', 2}));
+    EXPECT_EQ(LineSettings::parse("57600"), (LineSettings{57600, 8, 'N', 1}));
+    EXPECT_EQ(LineSettings::parse("19200:8N1")->text(), "19200 8N1");
+    for (const char* bad : {"", "9600:", "9600:8E", "9600:9N1", "9600:8M1", "9600:8N3", "0:8N1", "-9600", "96k:8N1"}) {
+        EXPECT_FALSE(LineSettings::parse(bad)) << bad;
+    }
+    ReaderSim sim;
+    EXPECT_EQ(sim.servePty(LineSettings{}), kHasPty);
+}
+
+class ReaderSimPty : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!kHasPty) GTEST_SKIP() << "no pseudo-terminals here";
+        ASSERT_TRUE(sim.servePty(kLine));
+        host = std::make_unique<PtyPeer>(sim.ptyPath());
+        ASSERT_TRUE(host->setLine(kLine));
+    }
+    static Frame request(std::uint8_t tag) { return {Generation::enhanced, 0x01, kDirectionRequest, {0x40, tag}}; }
+
+    static constexpr LineSettings kLine{9600, 8, 'E', 1};
+    ReaderSim sim;
+    std::unique_ptr<PtyPeer> host;
+};
+
+TEST_F(ReaderSimPty, HearsOnlyAtItsLineSettings) {
+    host->send(request(0x01));
+    EXPECT_EQ(host->receive().frame.payload, (Bytes{0x40, 0x00, 0x01}));
+
+    std::size_t discarded = sim.discardedBytes();
+    std::uint8_t tag = 0x10;
+    for (const LineSettings wrong : {LineSettings{19200, 8, 'E', 1}, LineSettings{9600, 8, 'N', 1},
+                                     LineSettings{9600, 8, 'O', 1}, LineSettings{9600, 8, 'E', 2}}) {
+        ASSERT_TRUE(host->setLine(wrong));
+        const Bytes bytes = encode(request(++tag));
+        host->send(bytes);
+        discarded += bytes.size();
+        EXPECT_TRUE(eventually([&] { return sim.discardedBytes() >= discarded; })) << wrong.text();
+    }
+    // Known to be deaf now: what it sends is lost on the line (sendFrame returns once settled).
+    EXPECT_TRUE(sim.sendFrame({Generation::enhanced, 0xFF, kDirectionRequest, {0x77}}));
+    EXPECT_FALSE(host->hasInput());
+
+    // Half a frame heard at the right settings must not be completed after a change.
+    // One write, so the answer shows that the half has been read too.
+    ASSERT_TRUE(host->setLine(kLine));
+    Bytes halves = encode(request(0x02));
+    halves.insert(halves.end(), halves.begin(), halves.begin() + 5);
+    host->send(halves);
+    EXPECT_EQ(host->receive().frame.payload, (Bytes{0x40, 0x00, 0x02}));
+    ASSERT_TRUE(host->setLine({19200, 8, 'E', 1}));
+    host->send(Bytes{0x00});
+    discarded += 6;
+    EXPECT_TRUE(eventually([&] { return sim.discardedBytes() >= discarded; }));
+
+    // A probe right after the change is answered; nothing heard before is.
+    ASSERT_TRUE(host->setLine(kLine));
+    host->send(request(0x03));
+    EXPECT_EQ(host->receive().frame.payload, (Bytes{0x40, 0x00, 0x03}));
+    EXPECT_EQ(sim.requestsSeen(), 3U);
+    EXPECT_EQ(sim.discardedBytes(), discarded);
+
+    // The wanted settings may move too.
+    sim.setLineSettings({19200, 8, 'E', 1});
+    ASSERT_TRUE(host->setLine({19200, 8, 'E', 1}));
+    host->send(request(0x04));
+    EXPECT_EQ(host->receive().frame.payload, (Bytes{0x40, 0x00, 0x04}));
+}
+
+TEST_F(ReaderSimPty, LargestFramesPassWhole) {
+    const Bytes big = pattern(maxPayload(Generation::enhanced), 0x51);
+    sim.setReply(0x51, Reply::payload(big));
+    host->send(Frame{Generation::enhanced, 0x01, kDirectionRequest, {0x51}});
+    const Decoded response = host->receive();
+    ASSERT_EQ(response.status, Decoded::Status::frame);
+    EXPECT_TRUE(response.crcOk);
+    EXPECT_EQ(response.frame.payload, big);
+
+    const Bytes most = pattern(big.size(), 0x52);
+    host->send(Frame{Generation::enhanced, 0x01, kDirectionRequest, most});
+    Bytes echo{0x52, 0x00};
+    echo.insert(echo.end(), most.begin() + 1, most.end() - 1);
+    EXPECT_EQ(host->receive().frame.payload, echo);
+    EXPECT_EQ(sim.received().back().frame.payload, most);
+}
+
+TEST_F(ReaderSimPty, FaultsAndOwnRequests) {
+    sim.setFault({.kind = FaultKind::badCrc, .count = 1});
+    host->send(request(0x01));
+    EXPECT_FALSE(host->receive().crcOk);
+
+    sim.setFault({.kind = FaultKind::silence, .count = 1});
+    host->send(request(0x02));
+    host->send(request(0x03));
+    EXPECT_EQ(host->receive().frame.payload, (Bytes{0x40, 0x00, 0x03}));
+
+    sim.setFault({.kind = FaultKind::trickle, .count = 1, .byteDelay = milliseconds(1)});
+    host->send(request(0x04));
+    EXPECT_EQ(host->receive().frame.payload, (Bytes{0x40, 0x00, 0x04}));
+
+    std::optional<Bytes> answer;
+    {
+        std::jthread asking([&] { answer = sim.sendRequest({0x70, 0x01}); });
+        const Decoded asked = host->receive();
+        EXPECT_EQ(asked.frame.flags, kDirectionRequest);
+        EXPECT_EQ(asked.frame.payload, (Bytes{0x70, 0x01}));
+        host->send(Frame{Generation::enhanced, 0xFF, kDirectionResponse, {0x70, 0x00}});
+    }
+    EXPECT_EQ(answer, (Bytes{0x70, 0x00}));
+}
+
+TEST_F(ReaderSimPty, ClosingHangsUpThePort) {
+    // The port's users may come and go; the reader stays.
+    host = std::make_unique<PtyPeer>(sim.ptyPath());
+    host->send(request(0x01));
+    EXPECT_EQ(host->receive().frame.payload, (Bytes{0x40, 0x00, 0x01}));
+
+    sim.setFault(FaultKind::closeMidFrame);
+    host->send(request(0x02));
+    EXPECT_EQ(host->receive().status, Decoded::Status::incomplete);
+    EXPECT_TRUE(host->closedByPeer());
+    EXPECT_EQ(host->inbox().size(), encode(Frame{Generation::enhanced, 0x01, kDirectionResponse, {0x40, 0x00, 0x02}}).size() / 2);
+    EXPECT_TRUE(sim.waitForDisconnect(kPatience));
+    EXPECT_EQ(sim.ptyPath(), "");
+
+    sim.clearFault();
+    ASSERT_TRUE(sim.servePty(kLine));
+    EXPECT_TRUE(sim.isConnected());
+    host = std::make_unique<PtyPeer>(sim.ptyPath());
+    sim.closeConnection();
+    EXPECT_FALSE(sim.isConnected());
+    EXPECT_TRUE(host->closedByPeer());
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// tovra-readersim: a simulated reader on loopback TCP, driven from the command line.
+// tovra-readersim: a simulated reader on loopback TCP or a pseudo-terminal, driven
+// from the command line.
 #include "readersim/reader_sim.h"
 
 #include <chrono>
@@ -19,14 +20,16 @@ const char* const kUsage =
     "  --port N              listen on 127.0.0.1:N (default 0: the system chooses)\n"
     "  --ipv6                listen on [::1] instead\n"
     "  --connect HOST:PORT   connect to a listening host instead (127.0.0.1:N, [::1]:N)\n"
+    "  --pty LINE            serve a pseudo-terminal instead, answering only at LINE\n"
+    "                        (9600:8E1, \"9600 8E1\"); prints the port's path first\n"
     "  --reply CMD=HEX[/ST]  answer command CMD (hex) with status ST and data HEX\n"
     "  --silent CMD          never answer command CMD (hex)\n"
     "  --fault KIND[=VALUE]  silence | bad-crc | generation=std|adv|enh | no-direction |\n"
     "                        length=N | close-mid-frame | trickle[=MS] | reset | flood[=N]\n"
     "  --fault-count N       apply the fault to the next N responses only\n"
-    "  --until-eof           a server stops when standard input ends\n"
+    "  --until-eof           a server or pty stops when standard input ends\n"
     "  --verbose             print every frame\n"
-    "Runs until killed (a client: until its connection ends).\n";
+    "Runs until killed (a client or a pty: until its connection ends).\n";
 
 std::optional<unsigned long> number(const std::string& text, int base = 10) {
     if (text.empty()) return std::nullopt;
@@ -131,6 +134,7 @@ int main(int argc, char** argv) {
     bool verbose = false, untilEof = false, ipv6 = false;
     unsigned long port = 0;
     std::string connectTo;
+    std::optional<LineSettings> pty;
     std::optional<Fault> fault;
     std::optional<unsigned long> faultCount;
 
@@ -155,6 +159,9 @@ int main(int argc, char** argv) {
         } else if (option == "--connect") {
             if (!needsValue()) return usageError("--connect needs HOST:PORT");
             connectTo = value;
+        } else if (option == "--pty") {
+            pty = needsValue() ? LineSettings::parse(value) : std::nullopt;
+            if (!pty) return usageError("--pty needs line settings such as 9600:8E1");
         } else if (option == "--reply") {
             if (!needsValue() || !parseReply(value, sim)) return usageError("bad --reply " + value);
         } else if (option == "--silent") {
@@ -173,19 +180,29 @@ int main(int argc, char** argv) {
             return usageError("unknown option " + option);
         }
     }
+    if (pty && (!connectTo.empty() || port != 0 || ipv6)) {
+        return usageError("--pty does not go with --connect, --port or --ipv6");
+    }
     if (fault) {
         if (faultCount) fault->count = static_cast<int>(*faultCount);
         sim.setFault(*fault);
     }
-    sim.setLog(
-        [&printing](const std::string& line) {
-            std::lock_guard lock(printing);
-            std::printf("%s\n", line.c_str());
-            std::fflush(stdout);
-        },
-        verbose);
+    const auto print = [&printing](const std::string& line) {
+        std::lock_guard lock(printing);
+        std::printf("%s\n", line.c_str());
+        std::fflush(stdout);
+    };
+    // A pty's path must be the first line, for whoever starts this to read it.
+    if (!pty) sim.setLog(print, verbose);
 
-    if (!connectTo.empty()) {
+    if (pty) {
+        if (!sim.servePty(*pty)) {
+            std::fprintf(stderr, "tovra-readersim: cannot create a pseudo-terminal\n");
+            return 1;
+        }
+        print(sim.ptyPath());
+        sim.setLog(print, verbose);
+    } else if (!connectTo.empty()) {
         const auto colon = connectTo.rfind(':');
         const auto target = colon == std::string::npos ? std::nullopt : number(connectTo.substr(colon + 1));
         if (!target || *target == 0 || *target > 65535) return usageError("--connect needs HOST:PORT");
@@ -198,7 +215,8 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    if (!connectTo.empty()) {
+    // A closed pty does not come back under the same path: its end is the end, as a client's.
+    if (!connectTo.empty() || (pty && !untilEof)) {
         while (!sim.waitForDisconnect(std::chrono::hours(1))) {
         }
     } else if (untilEof) {

@@ -1,9 +1,12 @@
 #include "readersim/reader_sim.h"
 
 #include "platform/net.h"
+#include "platform/pty.h"
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
+#include <charconv>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
@@ -22,6 +25,10 @@ namespace {
 constexpr int kSliceMs = 10;
 // Bound for closeConnection() and friends; only reached when something is broken.
 constexpr milliseconds kControlPatience{10000};
+// How long a closing pseudo-terminal waits for its user to read what was sent.
+constexpr milliseconds kDrainPatience{2000};
+
+using Clock = std::chrono::steady_clock;
 
 enum class Control { none, close, reset };
 
@@ -40,7 +47,35 @@ std::string describe(const Frame& frame) {
     return text;
 }
 
+std::string describe(const net::PtyLineSettings& line) {
+    return std::to_string(line.baud) + " " + line.parity + std::to_string(line.stopBits);
+}
+
 }  // namespace
+
+std::optional<LineSettings> LineSettings::parse(std::string_view text) {
+    LineSettings line;
+    const auto split = text.find_first_of(": ");
+    const std::string_view speed = text.substr(0, split);
+    const auto [end, error] = std::from_chars(speed.data(), speed.data() + speed.size(), line.baud);
+    if (speed.empty() || error != std::errc() || end != speed.data() + speed.size() || line.baud <= 0) {
+        return std::nullopt;
+    }
+    if (split == std::string_view::npos) return line;
+    const std::string_view frame = text.substr(split + 1);
+    if (frame.size() != 3) return std::nullopt;
+    line.dataBits = frame[0] - '0';
+    line.parity = static_cast<char>(std::toupper(static_cast<unsigned char>(frame[1])));
+    line.stopBits = frame[2] - '0';
+    if (line.dataBits < 5 || line.dataBits > 8) return std::nullopt;
+    if (line.parity != 'N' && line.parity != 'E' && line.parity != 'O') return std::nullopt;
+    if (line.stopBits != 1 && line.stopBits != 2) return std::nullopt;
+    return line;
+}
+
+std::string LineSettings::text() const {
+    return std::to_string(baud) + " " + std::to_string(dataBits) + parity + std::to_string(stopBits);
+}
 
 Reply Reply::with(std::vector<std::uint8_t> data, std::uint8_t status) {
     Reply reply;
@@ -85,6 +120,23 @@ struct ReaderSim::Impl {
     std::mutex sendMutex;
     net::SocketHandle connection = net::kInvalidSocket;
 
+    // --- The pseudo-terminal, guarded by mutex --------------------------------------
+    // Its output goes through the outbox, which the serving thread writes as the
+    // master takes it: a pty holds far less than a frame can be, and that thread
+    // must go on reading and watching the settings meanwhile.
+    struct Piece {
+        std::vector<std::uint8_t> bytes;
+        milliseconds byteDelay{0};
+        std::size_t done = 0;              // written so far; serving thread only
+        std::shared_ptr<int> outcome;      // for a sender that waits: 1 sent, -1 lost
+    };
+    net::PtyHandle pty = net::kInvalidPty;
+    std::thread::id ptyThread;  // the one serving it
+    std::string ptyPath;
+    LineSettings wanted;
+    std::uint64_t wantedVersion = 0;
+    std::deque<Piece> outbox;
+
     // --- Owned by the controlling thread ----------------------------------------
     std::thread worker;
     net::SocketHandle listener = net::kInvalidSocket;
@@ -119,6 +171,7 @@ struct ReaderSim::Impl {
 
     // Sends on the open connection, with byteDelay between bytes when set.
     bool sendAll(std::span<const std::uint8_t> bytes, milliseconds byteDelay = milliseconds(0)) {
+        if (const auto queued = queueOnPty(bytes, byteDelay)) return *queued;
         std::lock_guard sendLock(sendMutex);
         if (connection == net::kInvalidSocket) return false;
         if (byteDelay.count() <= 0) return sendLoop(connection, bytes);
@@ -127,6 +180,23 @@ struct ReaderSim::Impl {
             if (!sendLoop(connection, bytes.subspan(i, 1))) return false;
         }
         return true;
+    }
+
+    // Nothing when no pseudo-terminal is served; else whether the bytes went out.
+    // The serving thread itself cannot wait for its own loop: true at once.
+    std::optional<bool> queueOnPty(std::span<const std::uint8_t> bytes, milliseconds byteDelay) {
+        std::unique_lock lock(mutex);
+        if (pty == net::kInvalidPty) return std::nullopt;
+        if (bytes.empty()) return true;
+        const bool wait = std::this_thread::get_id() != ptyThread;
+        Piece piece{{bytes.begin(), bytes.end()}, byteDelay, 0, nullptr};
+        const auto outcome = wait ? std::make_shared<int>(0) : nullptr;
+        piece.outcome = outcome;
+        outbox.push_back(std::move(piece));
+        if (!wait) return true;
+        // The serving thread settles every piece, at the latest when the pty closes.
+        changed.wait(lock, [&] { return *outcome != 0; });
+        return *outcome > 0;
     }
 
     bool sendLoop(net::SocketHandle socket, std::span<const std::uint8_t> bytes) {
@@ -154,13 +224,17 @@ struct ReaderSim::Impl {
         }
         {
             std::lock_guard lock(mutex);
-            connected = true;
-            ++serial;
-            ++accepted;
-            control = Control::none;
+            markOpen();
         }
         changed.notify_all();
         log("connection open");
+    }
+
+    void markOpen() {  // under mutex
+        connected = true;
+        ++serial;
+        ++accepted;
+        control = Control::none;
     }
 
     void finish(net::SocketHandle socket, Control how, bool byPeer) {
@@ -365,6 +439,177 @@ struct ReaderSim::Impl {
         return Control::none;
     }
 
+    // --- Pseudo-terminal -----------------------------------------------------------
+    // What the serving thread knows of the line.
+    struct Line {
+        std::optional<net::PtyLineSettings> seen;
+        std::uint64_t version = 0;
+        bool matching = false;
+        Clock::time_point nextByte{};  // of a trickled piece
+    };
+
+    void servePtyLoop(net::PtyHandle master) {
+        {
+            std::lock_guard lock(mutex);
+            ptyThread = std::this_thread::get_id();
+        }
+        std::vector<std::uint8_t> inbox;
+        std::vector<std::uint8_t> chunk(65536);
+        Line line;
+        Control how = Control::close;
+        bool broken = false;
+        while (!stopping) {
+            if (control != Control::none) {
+                how = control;
+                break;
+            }
+            look(master, line, inbox);
+            const Output output = flush(master, line);
+            if (output.failed) {
+                broken = true;
+                break;
+            }
+            const int ready = net::waitPty(master, true, output.waitWritable, output.waitMs);
+            if (ready < 0) {
+                broken = true;
+                break;
+            }
+            if ((ready & net::kWaitReadable) == 0 || control != Control::none) continue;
+            const std::ptrdiff_t got = net::ptyRead(master, chunk.data(), chunk.size());
+            if (got < 0 && net::isWouldBlock(net::lastSocketError())) continue;
+            if (got <= 0) {  // the held slave rules out a hang-up: the pty is broken
+                broken = true;
+                break;
+            }
+            // Judged by the settings now: a host changes them only between its writes,
+            // and the thread reads as soon as bytes arrive.
+            if (!look(master, line, inbox)) {
+                std::lock_guard lock(mutex);
+                discarded += static_cast<std::size_t>(got);
+                continue;
+            }
+            inbox.insert(inbox.end(), chunk.begin(), chunk.begin() + got);
+            const Control ending = consume(inbox);
+            if (ending != Control::none) {
+                how = ending;
+                break;
+            }
+        }
+        if (how == Control::close && !broken) drain(master, line, inbox);
+        closePtyConnection(master, how, broken);
+    }
+
+    // Whether the host's settings are the wanted ones. Input kept from before a
+    // change of either was heard at other settings: it is dropped.
+    bool look(net::PtyHandle master, Line& line, std::vector<std::uint8_t>& inbox) {
+        net::PtyLineSettings now{};
+        if (!net::ptyLineSettings(master, now)) now.baud = 0;  // matches nothing
+        LineSettings want;
+        std::uint64_t version;
+        {
+            std::lock_guard lock(mutex);
+            want = wanted;
+            version = wantedVersion;
+        }
+        const bool same = line.seen && version == line.version && line.seen->baud == now.baud &&
+                          line.seen->parity == now.parity && line.seen->stopBits == now.stopBits;
+        if (same) return line.matching;
+        line.seen = now;
+        line.version = version;
+        line.matching = now.baud == want.baud && now.parity == want.parity && now.stopBits == want.stopBits;
+        if (!inbox.empty()) {
+            std::lock_guard lock(mutex);
+            discarded += inbox.size();
+            inbox.clear();
+        }
+        log("line at " + describe(now) + (line.matching ? ": answering" : ": deaf (answers at " + want.text() + ")"));
+        return line.matching;
+    }
+
+    struct Output {
+        bool waitWritable = false;
+        int waitMs = kSliceMs;
+        bool pending = false;
+        bool failed = false;
+    };
+
+    // Writes from the outbox what the master takes now; says how to wait for more.
+    Output flush(net::PtyHandle master, Line& line) {
+        for (;;) {
+            Piece* piece;
+            {
+                std::lock_guard lock(mutex);
+                if (outbox.empty()) return {};
+                if (!line.matching) {
+                    // Sent at the wrong settings: nothing the host could read.
+                    for (Piece& lost : outbox) settle(lost, 1);
+                    outbox.clear();
+                    changed.notify_all();
+                    return {};
+                }
+                piece = &outbox.front();  // only this thread pops: the piece stays put
+            }
+            const bool trickled = piece->byteDelay.count() > 0;
+            if (trickled) {
+                const auto wait = std::chrono::ceil<milliseconds>(line.nextByte - Clock::now());
+                if (wait.count() > 0) {
+                    return {.waitMs = static_cast<int>(std::min<milliseconds::rep>(wait.count(), kSliceMs)),
+                            .pending = true};
+                }
+            }
+            const std::size_t length = trickled ? 1 : piece->bytes.size() - piece->done;
+            const std::ptrdiff_t wrote = net::ptyWrite(master, piece->bytes.data() + piece->done, length);
+            if (wrote < 0 && !net::isWouldBlock(net::lastSocketError())) return {.failed = true};
+            if (wrote <= 0) return {.waitWritable = true, .pending = true};
+            piece->done += static_cast<std::size_t>(wrote);
+            if (trickled) line.nextByte = Clock::now() + piece->byteDelay;
+            if (piece->done == piece->bytes.size()) {
+                {
+                    std::lock_guard lock(mutex);
+                    settle(outbox.front(), 1);
+                    outbox.pop_front();
+                }
+                changed.notify_all();
+            }
+        }
+    }
+
+    static void settle(Piece& piece, int outcome) {  // under mutex
+        if (piece.outcome) *piece.outcome = outcome;
+    }
+
+    // Before an ordinary close: a hang-up throws away what the host has not read.
+    void drain(net::PtyHandle master, Line& line, std::vector<std::uint8_t>& inbox) {
+        const auto deadline = Clock::now() + kDrainPatience;
+        while (!stopping && control != Control::reset && Clock::now() < deadline) {
+            look(master, line, inbox);
+            const Output output = flush(master, line);
+            if (output.failed || (!output.pending && !net::ptyUnread(master))) return;
+            if (output.pending) {
+                net::waitPty(master, false, output.waitWritable, output.waitMs);
+            } else {
+                std::this_thread::sleep_for(milliseconds(1));
+            }
+        }
+    }
+
+    void closePtyConnection(net::PtyHandle master, Control how, bool broken) {
+        {
+            std::lock_guard lock(mutex);
+            for (Piece& lost : outbox) settle(lost, -1);
+            outbox.clear();
+            net::closePty(master);
+            pty = net::kInvalidPty;
+            ptyThread = {};
+            ptyPath.clear();
+            connected = false;
+            control = Control::none;
+        }
+        changed.notify_all();
+        log(broken ? "pseudo-terminal failed"
+                   : how == Control::reset ? "pseudo-terminal hung up at once" : "pseudo-terminal closed");
+    }
+
     // --- Controls --------------------------------------------------------------
     void endConnection(Control how) {
         std::unique_lock sendLock(sendMutex);
@@ -449,6 +694,38 @@ bool ReaderSim::connect(const std::string& host, std::uint16_t port, millisecond
     im.open(socket);
     im.worker = std::thread([&im, socket] { im.serve(socket); });
     return true;
+}
+
+bool ReaderSim::servePty(const LineSettings& answerAt) {
+    Impl& im = *impl_;
+    if (im.busy()) return false;
+    im.reap();
+    std::string path;
+    const net::PtyHandle master = net::openPty(path);
+    if (master == net::kInvalidPty) return false;
+    {
+        std::lock_guard lock(im.mutex);
+        im.pty = master;
+        im.ptyPath = path;
+        im.wanted = answerAt;
+        ++im.wantedVersion;
+        im.markOpen();
+    }
+    im.changed.notify_all();
+    im.log("serving " + path + ", answering at " + answerAt.text());
+    im.worker = std::thread([&im, master] { im.servePtyLoop(master); });
+    return true;
+}
+
+std::string ReaderSim::ptyPath() const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->ptyPath;
+}
+
+void ReaderSim::setLineSettings(const LineSettings& answerAt) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->wanted = answerAt;
+    ++impl_->wantedVersion;
 }
 
 void ReaderSim::stop() {

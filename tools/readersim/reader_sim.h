@@ -1,8 +1,10 @@
-// A simulated reader on a loopback TCP connection, for tests, benchmarks and the
-// demo. As a server it accepts connections one after another and serves each
-// until it ends; as a client it connects to a listening host and serves that
-// one connection. It answers requests (echo by default, or scripted), sends
-// requests of its own, records what it receives, and can misbehave on demand.
+// A simulated reader on a loopback TCP connection or a serial line, for tests,
+// benchmarks and the demo. As a server it accepts connections one after another
+// and serves each until it ends; as a client it connects to a listening host and
+// serves that one connection; on a serial line it owns a pseudo-terminal whose
+// slave side is the host's port. It answers requests (echo by default, or
+// scripted), sends requests of its own, records what it receives, and can
+// misbehave on demand.
 #pragma once
 
 #include "readersim/frame_codec.h"
@@ -15,6 +17,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tovra::readersim {
@@ -62,6 +65,20 @@ struct Fault {
     int floodCount = 100;
 };
 
+// Settings of a serial line. A pseudo-terminal shows its user's speed, parity and
+// stop bits but not the data bits, which are kept for the text only.
+struct LineSettings {
+    int baud = 9600;
+    int dataBits = 8;
+    char parity = 'N';  // 'N', 'E' or 'O'
+    int stopBits = 1;
+
+    // "9600:8E1", "9600 8E1", or the speed alone for 8N1; parity in either case.
+    static std::optional<LineSettings> parse(std::string_view text);
+    std::string text() const;  // "9600 8E1"
+    bool operator==(const LineSettings&) const = default;
+};
+
 struct ReceivedFrame {
     Frame frame;
     std::vector<std::uint8_t> bytes;  // as they came over the wire
@@ -75,13 +92,23 @@ public:
     ReaderSim(const ReaderSim&) = delete;
     ReaderSim& operator=(const ReaderSim&) = delete;
 
-    // --- Modes (one at a time; stop() ends either) ---------------------------
+    // --- Modes (one at a time; stop() ends any) -------------------------------
     // Listens on 127.0.0.1 (::1 with ipv6); port 0 lets the system choose.
     bool listen(std::uint16_t port = 0, bool ipv6 = false);
     std::uint16_t port() const;  // the listening port, 0 when not listening
     // Connects to a numeric loopback address (or "localhost") and serves that
     // connection until it ends; may be called again afterwards.
     bool connect(const std::string& host, std::uint16_t port, milliseconds timeout = milliseconds(5000));
+    // Creates a pseudo-terminal and serves its slave side as a serial line (Linux
+    // only). Requests are heard only while the slave's user has set the speed,
+    // parity and stop bits of answerAt; at other settings the line carries nothing
+    // either way: received bytes are discarded (discardedBytes()) and what the
+    // simulator sends is lost. Input is never kept across a change of settings.
+    // The pseudo-terminal is the connection: it lasts until closed (closeConnection,
+    // a fault that closes, stop()), and its users then see a hang-up.
+    bool servePty(const LineSettings& answerAt);
+    std::string ptyPath() const;  // the slave's path, "" when there is none
+    void setLineSettings(const LineSettings& answerAt);  // also while serving
     // Closes every socket and joins the thread. Rules, faults and records stay.
     void stop();
 
@@ -115,7 +142,9 @@ public:
     bool waitForConnections(std::size_t total, milliseconds timeout);  // accepted in total
     bool waitForDisconnect(milliseconds timeout);  // until none is open
     // End the open connection now (ordinary close, or zero-linger reset); return
-    // once it is closed. A server then accepts the next one.
+    // once it is closed. A server then accepts the next one. A pseudo-terminal
+    // closes too; an ordinary close first gives its user a moment to read what was
+    // already sent, as bytes on a wire would still arrive.
     void closeConnection();
     void resetConnection();
 
