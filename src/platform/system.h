@@ -7,5 +7,7 @@ namespace tovra::platform {
 char pathSeparator();
 // "Linux" or "Windows".
 const char* osName();
+// The base name of the USB gadget device library, "" where the system has none.
+const char* gadgetLibraryBaseName();
 
 }  // namespace tovra::platform

@@ -3,6 +3,7 @@
 namespace tovra::platform {
 
 char pathSeparator() { return '/'; }
+const char* gadgetLibraryBaseName() { return "zkgadget"; }
 const char* osName() { return "Linux"; }
 
 }  // namespace tovra::platform

@@ -3,6 +3,7 @@
 namespace tovra::platform {
 
 char pathSeparator() { return '\\'; }
+const char* gadgetLibraryBaseName() { return ""; }
 const char* osName() { return "Windows"; }
 
 }  // namespace tovra::platform
