@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const SocketHandle writer = openSocket(AddressFamily::ipv4, SocketKind::stream);
     if (writer == kInvalidSocket || connectSocket(writer, harness.address) != 0) std::abort();
     TovraListenerTcp listener(&harness.record);
-    if (!listener.acceptedEndpoint().acceptFrom(harness.server)) std::abort();
+    if (!listener.acceptedSocket()->acceptFrom(harness.server)) std::abort();
     auto plugin = std::make_unique<TovraPluginTcp>(&harness.record);
     const std::int32_t handle = plugin->pliAccept(&listener);
     if (handle < 0) std::abort();

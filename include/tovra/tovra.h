@@ -58,6 +58,11 @@ TOVRA_API int32_t     TOVRA_CALL TOVRA_SetDetectSerialCallback(int32_t readerHan
 TOVRA_API int32_t     TOVRA_CALL TOVRA_GetLastError(int32_t handle);
 TOVRA_API const char* TOVRA_CALL TOVRA_GetLastErrorText(int32_t handle);
 
+/* Discovery managers (their last errors through the pseudo-handles above). */
+/* Whether serial port `port` is present, without opening it: 1 present, 0 not, or an error.
+   The device type is "com" or empty. */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_ComManagerDetect(const char* deviceType, int32_t port);
+
 /* Logging. The last two take effect only before the first reader object is created. */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_SetAppLoggingCallback(int32_t readerHandle, void* userContext,
                                                              TOVRA_AppLoggingCallback callback);

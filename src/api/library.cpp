@@ -3,6 +3,8 @@
 #include "tovra/tovra.h"
 
 #include "api/error_codes.h"
+#include "api/guarded.h"
+#include "api/manager_exports.h"
 #include "api/reader_registry.h"
 #include "api/version.h"
 #include "logging/logging_state.h"
@@ -11,23 +13,10 @@
 
 namespace {
 
+using tovra::guarded;
 using tovra::ReaderRegistry;
 using tovra::TovraReader;
 namespace err = tovra::err;
-
-// Discovery managers answer through these pseudo-handles.
-bool isManagerHandle(std::int32_t handle) { return handle >= -4 && handle <= -1; }
-
-template <typename Result, typename Call>
-Result guarded(Result onFailure, Call&& call) noexcept
-{
-    try {
-        ReaderRegistry::instance().reapRetired();
-        return call();
-    } catch (...) {
-        return onFailure; // only a failed allocation or a refused thread gets here
-    }
-}
 
 // Calls `call` with the reader of `handle`, held for the whole call, or answers `unknown`.
 template <typename Result, typename Call>
@@ -173,14 +162,13 @@ TOVRA_API std::int32_t TOVRA_CALL TOVRA_SetDetectSerialCallback(std::int32_t rea
 
 TOVRA_API std::int32_t TOVRA_CALL TOVRA_GetLastError(std::int32_t handle)
 {
-    // The discovery managers are not built yet; a fresh manager has no error.
-    if (isManagerHandle(handle)) return err::Ok;
+    if (tovra::isManagerHandle(handle)) return guarded(err::Ok, [&] { return tovra::managerLastError(handle); });
     return withReader(handle, [](TovraReader& r) { return r.lastError(); });
 }
 
 TOVRA_API const char* TOVRA_CALL TOVRA_GetLastErrorText(std::int32_t handle)
 {
-    if (isManagerHandle(handle)) return "";
+    if (tovra::isManagerHandle(handle)) return guarded("", [&] { return tovra::managerLastErrorText(handle); });
     return textOfReader(handle, [](TovraReader& r) { return r.lastErrorText(); });
 }
 

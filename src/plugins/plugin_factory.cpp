@@ -2,29 +2,96 @@
 
 #include "api/error_codes.h"
 #include "plugins/tovra_listener_tcp.h"
+#include "plugins/tovra_plugin_com.h"
 #include "plugins/tovra_plugin_tcp.h"
 #include "plugins/unavailable_transport.h"
 #include "reader/connector.h"
 
+#include <array>
 #include <new>
 
 namespace tovra {
+namespace {
+
+using PluginMaker = std::unique_ptr<TovraPlugin> (*)(ConnectionRecord&);
+using ListenerMaker = std::unique_ptr<TovraListener> (*)(ConnectionRecord&);
+
+template <typename Plugin>
+std::unique_ptr<TovraPlugin> make(ConnectionRecord& owner)
+{
+    return std::make_unique<Plugin>(&owner);
+}
+
+template <typename Listener>
+std::unique_ptr<TovraListener> makeListener(ConnectionRecord& owner)
+{
+    return std::make_unique<Listener>(&owner);
+}
+
+constexpr char kUsbName[] = "USB";
+constexpr char kBleName[] = "BLE";
+constexpr char kCustName[] = "CUST";
+constexpr char kGadgetName[] = "GADGET";
+
+// A transport this build does not have yet.
+template <std::int32_t kind, const char* name>
+std::unique_ptr<TovraPlugin> unavailable(ConnectionRecord& owner)
+{
+    return std::make_unique<TovraPluginUnavailable>(&owner, kind, name);
+}
+
+template <std::int32_t kind>
+std::unique_ptr<TovraListener> unavailableListener(ConnectionRecord& owner)
+{
+    return std::make_unique<TovraListenerUnavailable>(&owner, kind);
+}
+
+// One row per transport: the section name of its connector texts, its type, and how its
+// plugin and (if readers can connect over it) its listener are made.
+struct Transport {
+    std::string_view name;
+    std::int32_t type;
+    PluginMaker plugin;
+    ListenerMaker listener;
+};
+
+constexpr std::array kTransports = {
+    Transport{"com", kConnectorCom, make<TovraPluginCom>, makeListener<TovraListenerCom>},
+    Transport{"usb", kConnectorUsb, unavailable<kConnectorUsb, kUsbName>, nullptr},
+    Transport{"tcp", kConnectorTcp, make<TovraPluginTcp>, makeListener<TovraListenerTcp>},
+    Transport{"bthle", kConnectorBle, unavailable<kConnectorBle, kBleName>, nullptr},
+    Transport{"bthspp", kConnectorBle, unavailable<kConnectorBle, kBleName>, nullptr},
+    // No section name gives this type; the factory still takes it.
+    Transport{"", kConnectorBle5, unavailable<kConnectorBle5, kBleName>, nullptr},
+    Transport{"cust", kConnectorCust, unavailable<kConnectorCust, kCustName>, nullptr},
+    Transport{"gadget", kConnectorGadget, unavailable<kConnectorGadget, kGadgetName>, unavailableListener<kConnectorGadget>},
+};
+
+const Transport* transportOfType(std::int32_t type)
+{
+    for (const Transport& transport : kTransports)
+        if (transport.type == type) return &transport;
+    return nullptr;
+}
+
+} // namespace
+
+std::int32_t transportType(std::string_view sectionName)
+{
+    if (sectionName.empty()) return kConnectorNone;
+    for (const Transport& transport : kTransports)
+        if (transport.name == sectionName) return transport.type;
+    return kConnectorNone;
+}
 
 std::int32_t createPlugin(std::int32_t connectorType, ConnectionRecord& owner,
                           std::unique_ptr<TovraPlugin>& plugin)
 {
     plugin.reset();
+    const Transport* transport = transportOfType(connectorType);
+    if (transport == nullptr) return err::InvalidPluginType;
     try {
-        switch (connectorType) {
-        case kConnectorCom: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "COM"); break;
-        case kConnectorUsb: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "USB"); break;
-        case kConnectorTcp: plugin = std::make_unique<TovraPluginTcp>(&owner); break;
-        case kConnectorBle:
-        case kConnectorBle5: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "BLE"); break;
-        case kConnectorCust: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "CUST"); break;
-        case kConnectorGadget: plugin = std::make_unique<TovraPluginUnavailable>(&owner, connectorType, "GADGET"); break;
-        default: return err::InvalidPluginType;
-        }
+        plugin = transport->plugin(owner);
     } catch (const std::bad_alloc&) {
         // Kept as it is: no plugin, yet success; the following connect fails on the missing plugin.
     }
@@ -35,13 +102,10 @@ std::int32_t createListener(std::int32_t connectorType, ConnectionRecord& owner,
                             std::unique_ptr<TovraListener>& listener)
 {
     listener.reset();
+    const Transport* transport = transportOfType(connectorType);
+    if (transport == nullptr || transport->listener == nullptr) return err::InvalidListenerType;
     try {
-        switch (connectorType) {
-        case kConnectorCom: listener = std::make_unique<TovraListenerUnavailable>(&owner, connectorType); break;
-        case kConnectorTcp: listener = std::make_unique<TovraListenerTcp>(&owner); break;
-        case kConnectorGadget: listener = std::make_unique<TovraListenerUnavailable>(&owner, connectorType); break;
-        default: return err::InvalidListenerType;
-        }
+        listener = transport->listener(owner);
     } catch (const std::bad_alloc&) {
     }
     return err::Ok;

@@ -2,10 +2,9 @@
 
 #include "api/error_codes.h"
 #include "logging/log.h"
-#include "parameter/atoi_like.h"
 #include "plugins/tovra_plugin_tcp.h"
 #include "reader/connection_record.h"
-#include "tovra/zk_parameter.h"
+#include "reader/connector.h"
 
 #include <algorithm>
 #include <chrono>
@@ -91,17 +90,15 @@ try {
 
     // Keys left out never inherit the values of an earlier start.
     setDefaults();
-    ZkParameter::TagMap keys;
-    ZkParameter::sectionToMap(connector, keys, ':', true);
-    std::string address, value;
-    std::int32_t port = -1;
-    if (!ZkParameter::valueOfTag(keys, "ipaddress", address) || address.empty()) address = "0.0.0.0";
-    if (ZkParameter::valueOfTag(keys, "port", value)) port = atoiLike(value);
-    if (ZkParameter::valueOfTag(keys, "backlog", value)) backlog_ = std::max(atoiLike(value), 1);
-    if (ZkParameter::valueOfTag(keys, "keepalive", value)) keepAlive_ = atoiLike(value) >= 1;
-    if (ZkParameter::valueOfTag(keys, "keepidle", value)) keepIdle_ = atoiLike(value);
-    if (ZkParameter::valueOfTag(keys, "keepcount", value)) keepCount_ = atoiLike(value);
-    if (ZkParameter::valueOfTag(keys, "keepinterval", value)) keepInterval_ = atoiLike(value);
+    const ConnectorKeys keys(connector);
+    std::string address = keys.text("ipaddress");
+    if (address.empty()) address = "0.0.0.0";
+    const std::int32_t port = keys.number("port", -1);
+    if (keys.has("backlog")) backlog_ = std::max(keys.number("backlog", 5), 1);
+    if (keys.has("keepalive")) keepAlive_ = keys.number("keepalive", 1) >= 1;
+    keepIdle_ = keys.number("keepidle", keepIdle_);
+    keepCount_ = keys.number("keepcount", keepCount_);
+    keepInterval_ = keys.number("keepinterval", keepInterval_);
 
     // Numeric addresses only: a listener has no host name to resolve.
     const int opened = listenEndpoint_.openNumeric(address.c_str(), port);

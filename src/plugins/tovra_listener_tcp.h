@@ -34,7 +34,7 @@ public:
     bool idle() const override { return !worker_.exists() || worker_.finished(); }
 
     // The socket and peer address of the connection being handed over.
-    IpEndpoint& acceptedEndpoint() { return acceptEndpoint_; }
+    IpEndpoint* acceptedSocket() override { return &acceptEndpoint_; }
 
 private:
     TovraLogger& logger() const;

@@ -8,6 +8,7 @@
 namespace tovra {
 
 class ConnectionRecord;
+class IpEndpoint;
 class TovraListener;
 
 // A transport: one object per open connection, owned by a connection record. All results
@@ -83,6 +84,11 @@ public:
     virtual bool onOwnThread() const { return false; }
     // True while no thread of this listener runs.
     virtual bool idle() const { return true; }
+
+    // What a listener hands to the plugin that takes an accepted connection over: the
+    // accepted socket (TCP), or the connector to open (serial, gadget). Null when it has none.
+    virtual IpEndpoint* acceptedSocket() { return nullptr; }
+    virtual const char* acceptedConnector() const { return nullptr; }
 
     std::int32_t kind() const { return kind_; }
 

@@ -2,11 +2,9 @@
 
 #include "api/error_codes.h"
 #include "logging/log.h"
-#include "parameter/atoi_like.h"
 #include "platform/clock.h"
-#include "plugins/tovra_listener_tcp.h"
 #include "reader/connection_record.h"
-#include "tovra/zk_parameter.h"
+#include "reader/connector.h"
 
 #include <algorithm>
 #include <cstring>
@@ -99,16 +97,10 @@ try {
     // A plugin serves one connection: a second connect replaces the first.
     if (endpoint_.valid()) closeSocket();
 
-    std::string address;
-    std::int32_t port = 10001;
-    std::int32_t connectTimeout = -1;
-    std::string tag, value;
-    for (const char* p = connector; p != nullptr;) {
-        p = ZkParameter::parseSection(p, tag, value, ':', true);
-        if (tag == "ipaddress") address = value;
-        else if (tag == "port") port = atoiLike(value);
-        else if (tag == "connecttimeout") connectTimeout = atoiLike(value);
-    }
+    const ConnectorKeys keys(connector);
+    const std::string address = keys.text("ipaddress");
+    const std::int32_t port = keys.number("port", 10001);
+    const std::int32_t connectTimeout = keys.number("connecttimeout", -1);
     if (address.empty()) {
         TOVRA_LOG_ERROR(logger(), kError, "Connection parameter error: no ipaddress");
         return fail(err::ConnectionParameter);
@@ -221,13 +213,13 @@ bool TovraPluginTcp::nonblockingConnect(std::int32_t timeoutMs)
 std::int32_t TovraPluginTcp::pliAccept(TovraListener* listener)
 try {
     TOVRA_LOG_TRACE(logger(), kTrace, "Accept");
-    auto* tcpListener = dynamic_cast<TovraListenerTcp*>(listener);
-    if (tcpListener == nullptr) {
+    IpEndpoint* accepted = listener != nullptr ? listener->acceptedSocket() : nullptr;
+    if (accepted == nullptr) {
         TOVRA_LOG_ERROR(logger(), kError, "Dynamic_cast error on accept");
         return fail(tcperr::AcceptFailed);
     }
     if (endpoint_.valid()) closeSocket();
-    endpoint_.moveFrom(tcpListener->acceptedEndpoint());
+    endpoint_.moveFrom(*accepted);
 
     const platform::SocketHandle s = endpoint_.socket();
     if (!platform::setNonBlocking(s, true)) {

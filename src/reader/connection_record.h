@@ -93,6 +93,11 @@ public:
     std::uint8_t busAddress() const { return busAddress_.load(); }
     void setBusAddress(std::uint8_t address) { busAddress_.store(address); }
 
+    // 1 while a listener that has no thread of its own (serial) holds a connection for the
+    // channel, 0 once it stops.
+    std::int32_t connectionState() const { return connectionState_.load(); }
+    void setConnectionState(std::int32_t state) { connectionState_.store(state); }
+
     // Filled in by a transport for an accepted connection; handed to the connected callback.
     std::string connectionText() const;
     void setConnectionText(std::string text);
@@ -128,6 +133,7 @@ private:
     ClaimGuard claim_;
     ConnectionGate gate_;
     std::atomic<bool> accepted_{false};
+    std::atomic<std::int32_t> connectionState_{0};
     // Stands in for the transmit lock on a record without helpers.
     std::mutex spareLock_;
 

@@ -1,29 +1,10 @@
 #include "reader/connector.h"
 
+#include "parameter/atoi_like.h"
+#include "plugins/plugin_factory.h"
 #include "tovra/zk_parameter.h"
 
-#include <array>
-#include <string_view>
-
 namespace tovra {
-namespace {
-
-struct NamedType {
-    std::string_view name;
-    std::int32_t type;
-};
-
-constexpr std::array<NamedType, 7> kConnectorTypes = {{
-    {"com", kConnectorCom},
-    {"usb", kConnectorUsb},
-    {"tcp", kConnectorTcp},
-    {"bthle", kConnectorBle},
-    {"bthspp", kConnectorBle},
-    {"cust", kConnectorCust},
-    {"gadget", kConnectorGadget},
-}};
-
-} // namespace
 
 std::string connectorSectionName(const char* text)
 {
@@ -32,12 +13,23 @@ std::string connectorSectionName(const char* text)
     return name;
 }
 
-std::int32_t connectorType(const char* text)
+std::int32_t connectorType(const char* text) { return transportType(connectorSectionName(text)); }
+
+ConnectorKeys::ConnectorKeys(const char* text)
 {
-    const std::string name = connectorSectionName(text);
-    for (const auto& entry : kConnectorTypes)
-        if (name == entry.name) return entry.type;
-    return kConnectorNone;
+    if (text != nullptr) ZkParameter::sectionToMap(text, keys_, ':', true);
+}
+
+std::string ConnectorKeys::text(const std::string& key, const std::string& fallback) const
+{
+    const auto it = keys_.find(key);
+    return it != keys_.end() ? it->second : fallback;
+}
+
+std::int32_t ConnectorKeys::number(const std::string& key, std::int32_t fallback) const
+{
+    const auto it = keys_.find(key);
+    return it != keys_.end() ? atoiLike(it->second) : fallback;
 }
 
 } // namespace tovra

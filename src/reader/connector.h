@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 namespace tovra {
@@ -23,5 +24,22 @@ std::string connectorSectionName(const char* text);
 
 // The connector type of a text; kConnectorNone for an unknown or missing name.
 std::int32_t connectorType(const char* text);
+
+// The "key=value" sections of a connector, listener or detection text, with keys folded to
+// lower case ("TCP:IPAddress=..." has the key "ipaddress"). A key given twice keeps its
+// first value.
+class ConnectorKeys {
+public:
+    explicit ConnectorKeys(const char* text);
+
+    bool has(const std::string& key) const { return keys_.contains(key); }
+    // The value, or `fallback` when the key is missing.
+    std::string text(const std::string& key, const std::string& fallback = {}) const;
+    // The value read as atoi reads it, or `fallback` when the key is missing.
+    std::int32_t number(const std::string& key, std::int32_t fallback) const;
+
+private:
+    std::map<std::string, std::string> keys_;
+};
 
 } // namespace tovra

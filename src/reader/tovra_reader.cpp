@@ -258,18 +258,6 @@ void TovraReader::disconnectByHost()
     TOVRA_LOG_TRACE(logger_, logcat::Reader, "... uni-dir app channel disconnected by host");
 }
 
-std::int32_t TovraReader::detectSerial(const char* detection)
-{
-    lastError_.store(0);
-    ZkParameter::TagMap tags;
-    if (detection != nullptr) ZkParameter::sectionToMap(detection, tags, ':', true);
-    std::string device;
-    if (connectorSectionName(detection) != "com" || !ZkParameter::valueOfTag(tags, "device", device))
-        return fail(err::DetectionParameter);
-    // Probing line settings needs the serial transport, which this build does not have yet.
-    return fail(err::NotImplemented);
-}
-
 std::int32_t TovraReader::startListener(const char* listenerText)
 {
     lastError_.store(0);

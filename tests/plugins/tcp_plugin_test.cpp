@@ -275,12 +275,12 @@ TEST_F(TcpPlugin, AcceptTakesTheListenersSocketOver)
     const SocketHandle client = peer.keep(openSocket(AddressFamily::ipv4, SocketKind::stream));
     ASSERT_EQ(connectSocket(client, Peer::loopback(peer.port())), 0);
     ASSERT_NE(waitSocket(peer.listening(), true, false, kPatience), 0);
-    ASSERT_TRUE(listener.acceptedEndpoint().acceptFrom(peer.listening()));
-    EXPECT_EQ(listener.acceptedEndpoint().addressText(), "127.0.0.1");
+    ASSERT_TRUE(listener.acceptedSocket()->acceptFrom(peer.listening()));
+    EXPECT_EQ(listener.acceptedSocket()->addressText(), "127.0.0.1");
 
     handle = plugin->pliAccept(&listener);
     EXPECT_EQ(handle & 0xF0000000, 0x20000000);
-    EXPECT_FALSE(listener.acceptedEndpoint().valid()) << "the socket now belongs to the plugin";
+    EXPECT_FALSE(listener.acceptedSocket()->valid()) << "the socket now belongs to the plugin";
     EXPECT_TRUE(logger.saw(" accepted from 127.0.0.1:"));
     const Bytes frame = frameBytes(12);
     send(client, frame);
