@@ -38,10 +38,23 @@ BYTE parityOf(char parity)
     return parity == 'E' ? EVENPARITY : parity == 'O' ? ODDPARITY : NOPARITY;
 }
 
+void setLine(DCB& dcb, const LineSettings& settings)
+{
+    dcb.BaudRate = settings.baud;
+    dcb.ByteSize = static_cast<BYTE>(settings.dataBits);
+    dcb.Parity = parityOf(settings.parity);
+    dcb.StopBits = settings.stopBits == 2 ? TWOSTOPBITS : ONESTOPBIT;
+    dcb.fParity = settings.parity != 'N';
+}
+
 } // namespace
 
 struct SerialLine::System {
     HANDLE port = INVALID_HANDLE_VALUE;
+    // What apply() last set: GetCommState cannot be trusted to read parity back (a
+    // pseudo-terminal under wine always reads "none"), so later changes start from this.
+    bool lineApplied = false;
+    LineSettings line;
     HANDLE wakeEvent = nullptr; // manual reset, set for good by wake()
     HANDLE readEvent = nullptr;
     HANDLE writeEvent = nullptr;
@@ -67,6 +80,25 @@ struct SerialLine::System {
         }
         return which - WAIT_OBJECT_0;
     }
+
+    // What the port holds now, without waiting for more.
+    ReadResult readWaiting(std::uint8_t* buffer, std::size_t size)
+    {
+        OVERLAPPED operation{};
+        operation.hEvent = readEvent;
+        DWORD got = 0;
+        const DWORD wanted = static_cast<DWORD>(std::min<std::size_t>(size, MAXDWORD));
+        if (::ReadFile(port, buffer, wanted, &got, &operation))
+            return {got > 0 ? ReadResult::data : ReadResult::nothing, got};
+        DWORD error = ::GetLastError();
+        if (error != ERROR_IO_PENDING) return {isGone(error) ? ReadResult::hungUp : ReadResult::failed, 0};
+        // Completes at once with what is there; the bound only guards against a driver that
+        // does not.
+        const DWORD which = finish(operation, readEvent, kReadSliceMs, got, error);
+        if (got > 0) return {ReadResult::data, got};
+        if (error != ERROR_SUCCESS) return {isGone(error) ? ReadResult::hungUp : ReadResult::failed, 0};
+        return {which == 1 ? ReadResult::woken : ReadResult::nothing, 0};
+    }
 };
 
 SerialLine::SerialLine(std::unique_ptr<System> system) : system_(std::move(system)) {}
@@ -85,11 +117,11 @@ std::int32_t SerialLine::open(const std::string& path, std::unique_ptr<SerialLin
     DCB dcb{};
     dcb.DCBlength = sizeof dcb;
     if (!::GetCommState(system->port, &dcb)) return kNotASerialPort;
+    // A read takes what is there and returns at once; waiting is WaitCommEvent's.
     COMMTIMEOUTS timeouts{};
     timeouts.ReadIntervalTimeout = MAXDWORD;
-    timeouts.ReadTotalTimeoutMultiplier = MAXDWORD;
-    timeouts.ReadTotalTimeoutConstant = kReadSliceMs;
     if (!::SetCommTimeouts(system->port, &timeouts)) return kNotASerialPort;
+    if (!::SetCommMask(system->port, EV_RXCHAR)) return kNotASerialPort;
     for (HANDLE* event : {&system->wakeEvent, &system->readEvent, &system->writeEvent}) {
         *event = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
         if (*event == nullptr) return kCannotOpen;
@@ -103,12 +135,8 @@ std::int32_t SerialLine::apply(const LineSettings& settings)
     DCB dcb{};
     dcb.DCBlength = sizeof dcb;
     if (!::GetCommState(system_->port, &dcb)) return isGone(::GetLastError()) ? kHungUp : kSettingsRejected;
-    dcb.BaudRate = settings.baud;
-    dcb.ByteSize = static_cast<BYTE>(settings.dataBits);
-    dcb.Parity = parityOf(settings.parity);
-    dcb.StopBits = settings.stopBits == 2 ? TWOSTOPBITS : ONESTOPBIT;
+    setLine(dcb, settings);
     dcb.fBinary = TRUE;
-    dcb.fParity = settings.parity != 'N';
     // A byte with a parity error reads as 0x00, which the framing skips (as on Linux).
     dcb.fErrorChar = settings.parity != 'N';
     dcb.ErrorChar = 0;
@@ -129,10 +157,19 @@ std::int32_t SerialLine::apply(const LineSettings& settings)
     if (!::SetCommState(system_->port, &dcb)) {
         const DWORD error = ::GetLastError();
         if (isGone(error)) return kHungUp;
+        // Wine applies the speed, then the rest, step by step, and stops at the first step
+        // that changes nothing: a new parity at the same speed never arrives. Passing
+        // through another speed makes every step change something.
+        DCB detour = dcb;
+        detour.BaudRate = dcb.BaudRate == CBR_9600 ? CBR_19200 : CBR_9600;
+        ::SetCommState(system_->port, &detour);
+        ::SetCommState(system_->port, &dcb);
         DCB actual{};
         actual.DCBlength = sizeof actual;
         if (!::GetCommState(system_->port, &actual) || actual.BaudRate != settings.baud) return kSettingsRejected;
     }
+    system_->line = settings;
+    system_->lineApplied = true;
     dropInput();
     return kOk;
 }
@@ -142,6 +179,7 @@ std::int32_t SerialLine::setRs485(bool on)
     DCB dcb{};
     dcb.DCBlength = sizeof dcb;
     if (!::GetCommState(system_->port, &dcb)) return isGone(::GetLastError()) ? kHungUp : kSettingsRejected;
+    if (system_->lineApplied) setLine(dcb, system_->line);
     // The driver raises RTS while it sends, for the line driver's direction.
     dcb.fRtsControl = on ? RTS_CONTROL_TOGGLE : RTS_CONTROL_ENABLE;
     if (::SetCommState(system_->port, &dcb)) return kOk;
@@ -166,18 +204,26 @@ void SerialLine::dropInput()
 
 ReadResult SerialLine::read(std::uint8_t* buffer, std::size_t size, int timeoutMs)
 {
+    ReadResult now = system_->readWaiting(buffer, size);
+    if (now.kind != ReadResult::nothing) return now;
+    // A read that waits for data of its own is not completed when data comes on every
+    // system (wine waits out its time-out): wait for the next byte, then read again.
     OVERLAPPED operation{};
     operation.hEvent = system_->readEvent;
-    DWORD got = 0;
-    const DWORD wanted = static_cast<DWORD>(std::min<std::size_t>(size, MAXDWORD));
-    if (::ReadFile(system_->port, buffer, wanted, &got, &operation))
-        return {got > 0 ? ReadResult::data : ReadResult::nothing, got};
-    DWORD error = ::GetLastError();
-    if (error != ERROR_IO_PENDING) return {isGone(error) ? ReadResult::hungUp : ReadResult::failed, 0};
-    const DWORD which = system_->finish(operation, system_->readEvent, timeoutMs, got, error);
-    if (got > 0) return {ReadResult::data, got};
-    if (error != ERROR_SUCCESS) return {isGone(error) ? ReadResult::hungUp : ReadResult::failed, 0};
-    return {which == 1 ? ReadResult::woken : ReadResult::nothing, 0};
+    DWORD events = 0;
+    if (!::WaitCommEvent(system_->port, &events, &operation)) {
+        DWORD error = ::GetLastError();
+        if (error != ERROR_IO_PENDING) return {isGone(error) ? ReadResult::hungUp : ReadResult::failed, 0};
+        // A byte that came just before the wait began raises no event: look once more.
+        DWORD errors = 0;
+        COMSTAT status{};
+        const bool waiting = ::ClearCommError(system_->port, &errors, &status) && status.cbInQue > 0;
+        DWORD transferred = 0;
+        const DWORD which = system_->finish(operation, system_->readEvent, waiting ? 0 : timeoutMs, transferred, error);
+        if (error != ERROR_SUCCESS) return {isGone(error) ? ReadResult::hungUp : ReadResult::failed, 0};
+        if (which == 1) return {ReadResult::woken, 0};
+    }
+    return system_->readWaiting(buffer, size);
 }
 
 std::int32_t SerialLine::write(const std::uint8_t* data, std::size_t size, int stallMs)
