@@ -4,6 +4,7 @@
 #include "platform/dynlib.h"
 #include "platform/env.h"
 #include "platform/net.h"
+#include "round_trips.h"
 #include "platform/pty.h"
 #include "readersim/frame_codec.h"
 #include "readersim/reader_sim.h"
@@ -22,10 +23,10 @@ namespace {
 namespace platform = tovra::platform;
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
+using tovra::bench::kRequest;
+using tovra::bench::report;
 using tovra::readersim::LineSettings;
 
-const Bytes kRequest = {0x65, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06,
-                        0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E};
 constexpr const char* kPortVariable = "ZKCOM_COM42";
 constexpr const char* kConnector = "com:Device=COM42:Baud=38400:Frame=8E1";
 
@@ -43,39 +44,10 @@ tovra::readersim::ReaderSim& simulator()
 double p50OfLibrary = 0;
 double p50OfPlain = 0;
 
-double report(benchmark::State& state, std::vector<double>& micros)
-{
-    if (micros.empty()) return 0;
-    std::sort(micros.begin(), micros.end());
-    const double p50 = micros[micros.size() / 2];
-    state.counters["p50_us"] = p50;
-    state.counters["p99_us"] = micros[micros.size() * 99 / 100];
-    state.counters["round_trips"] = benchmark::Counter(static_cast<double>(micros.size()), benchmark::Counter::kIsRate);
-    return p50;
-}
-
 void BM_LibrarySerialTransceive(benchmark::State& state)
 {
     simulator();
-    const std::int32_t reader = TOVRA_Create(2, kConnector);
-    if (TOVRA_ConnectByHost(reader, nullptr) != 0) {
-        state.SkipWithError(TOVRA_GetLastErrorText(reader));
-        TOVRA_Delete(reader);
-        return;
-    }
-    std::vector<double> micros;
-    std::uint8_t response[64];
-    for (auto _ : state) {
-        std::uint64_t length = sizeof response;
-        const auto start = Clock::now();
-        if (TOVRA_Transceive(reader, kRequest.data(), kRequest.size(), response, &length) != 0) {
-            state.SkipWithError(TOVRA_GetLastErrorText(reader));
-            break;
-        }
-        micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    }
-    p50OfLibrary = report(state, micros);
-    TOVRA_Delete(reader);
+    p50OfLibrary = tovra::bench::libraryRoundTrips(state, kConnector);
 }
 BENCHMARK(BM_LibrarySerialTransceive)->UseRealTime()->MinTime(2.0);
 

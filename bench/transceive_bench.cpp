@@ -1,6 +1,7 @@
 // Round trips against the reader simulator on loopback: the library's transceive beside a
 // plain blocking-socket client that sends the same frames to the same simulator.
 #include "platform/net.h"
+#include "round_trips.h"
 #include "readersim/frame_codec.h"
 #include "readersim/reader_sim.h"
 #include "tovra/tovra.h"
@@ -20,9 +21,9 @@ namespace {
 namespace net = tovra::platform;
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
+using tovra::bench::kRequest;
+using tovra::bench::report;
 
-const Bytes kRequest = {0x65, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06,
-                        0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E};
 
 tovra::readersim::ReaderSim& simulator()
 {
@@ -35,41 +36,10 @@ tovra::readersim::ReaderSim& simulator()
 double p50OfLibrary = 0;
 double p50OfPlain = 0;
 
-// Reports round trips per second and the 50th and 99th percentile in microseconds.
-double report(benchmark::State& state, std::vector<double>& micros)
-{
-    if (micros.empty()) return 0;
-    std::sort(micros.begin(), micros.end());
-    const double p50 = micros[micros.size() / 2];
-    state.counters["p50_us"] = p50;
-    state.counters["p99_us"] = micros[micros.size() * 99 / 100];
-    state.counters["round_trips"] = benchmark::Counter(static_cast<double>(micros.size()), benchmark::Counter::kIsRate);
-    return p50;
-}
-
 void BM_LibraryTransceive(benchmark::State& state)
 {
     const std::string connector = "tcp:IPAddress=127.0.0.1:Port=" + std::to_string(simulator().port());
-    const std::int32_t reader = TOVRA_Create(2, connector.c_str());
-    if (TOVRA_ConnectByHost(reader, nullptr) != 0) {
-        state.SkipWithError(TOVRA_GetLastErrorText(reader));
-        TOVRA_Delete(reader);
-        return;
-    }
-    std::vector<double> micros;
-    std::uint8_t response[64];
-    for (auto _ : state) {
-        std::uint64_t length = sizeof response;
-        const auto start = Clock::now();
-        if (TOVRA_Transceive(reader, kRequest.data(), kRequest.size(), response, &length) != 0) {
-            state.SkipWithError(TOVRA_GetLastErrorText(reader));
-            break;
-        }
-        micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    }
-    p50OfLibrary = report(state, micros);
-    TOVRA_DisconnectByHost(reader);
-    TOVRA_Delete(reader);
+    p50OfLibrary = tovra::bench::libraryRoundTrips(state, connector.c_str());
 }
 BENCHMARK(BM_LibraryTransceive)->UseRealTime()->MinTime(2.0);
 

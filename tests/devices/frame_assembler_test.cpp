@@ -1,4 +1,5 @@
 #include "frame_assembler.h"
+#include "raw_frames.h"
 
 #include <gtest/gtest.h>
 
@@ -7,22 +8,10 @@
 namespace zkcom {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using zkcom::test::Bytes;
+using zkcom::test::frameOf;
 using State = FrameAssembler::State;
 
-// A frame of `length` bytes in the short form (5..255) or the long form (0x02 + length).
-Bytes frameOf(std::size_t length, std::uint8_t fill)
-{
-    Bytes frame(length, fill);
-    if (length <= 0xFF) {
-        frame[0] = static_cast<std::uint8_t>(length);
-    } else {
-        frame[0] = 0x02;
-        frame[1] = static_cast<std::uint8_t>(length >> 8);
-        frame[2] = static_cast<std::uint8_t>(length);
-    }
-    return frame;
-}
 
 // Every frame the assembler gives for the bytes, fed in pieces of `piece` bytes.
 std::vector<Bytes> framesFrom(const Bytes& stream, std::size_t piece, FrameAssembler& assembler)

@@ -2,6 +2,7 @@
 // points, with a pseudo-terminal standing in for the port. Pseudo-terminals are Linux only;
 // on Windows the tests that need one skip.
 #include "error_codes.h"
+#include "raw_frames.h"
 #include "platform/dynlib.h"
 #include "platform/env.h"
 #include "platform/pty.h"
@@ -24,7 +25,8 @@ namespace tovra::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Bytes = std::vector<std::uint8_t>;
+using zkcom::test::Bytes;
+using zkcom::test::frameOf;
 using Clock = std::chrono::steady_clock;
 
 #if defined(_WIN32)
@@ -36,18 +38,6 @@ constexpr bool kHavePty = true;
 #define REQUIRE_PTY() \
     if (!kHavePty) GTEST_SKIP() << "needs a pseudo-terminal"
 
-Bytes frameOf(std::size_t length, std::uint8_t fill)
-{
-    Bytes frame(length, fill);
-    if (length <= 0xFF) {
-        frame[0] = static_cast<std::uint8_t>(length);
-    } else {
-        frame[0] = 0x02;
-        frame[1] = static_cast<std::uint8_t>(length >> 8);
-        frame[2] = static_cast<std::uint8_t>(length);
-    }
-    return frame;
-}
 
 // The master side of a pseudo-terminal: the far end of the serial line.
 class Pty {
