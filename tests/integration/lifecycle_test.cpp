@@ -474,8 +474,11 @@ TEST(CallbackActs, DisconnectWhileMoreRequestsAreQueued)
     ReaderSim sim;
     ASSERT_TRUE(sim.connect("127.0.0.1", port));
     ASSERT_TRUE(waitUntil([&] { return actor.connected == 1; }));
-    Frame request{.flags = 0x01, .payload = {0x71}};
-    for (int i = 0; i < 4; ++i) ASSERT_TRUE(sim.sendFrame(request));
+    // In one write: the first request ends the connection, so later writes could fail.
+    const std::vector<std::uint8_t> request = tovra::readersim::encode(Frame{.flags = 0x01, .payload = {0x71}});
+    std::vector<std::uint8_t> requests;
+    for (int i = 0; i < 4; ++i) requests.insert(requests.end(), request.begin(), request.end());
+    ASSERT_TRUE(sim.sendRaw(requests));
     ASSERT_TRUE(waitUntil([&] { return actor.result != 1; }));
     EXPECT_EQ(actor.result.load(), 0);
     EXPECT_TRUE(sim.waitForDisconnect(10000ms));
