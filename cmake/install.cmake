@@ -7,9 +7,13 @@ install(TARGETS tovra EXPORT tovraTargets
 install(FILES
   include/tovra/export.h
   include/tovra/tovra.h
+  include/tovra/transport.h
   include/tovra/zk_parameter.h
   ${PROJECT_BINARY_DIR}/include/tovra/version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tovra)
+# What tovra expects of the device libraries a user brings.
+install(DIRECTORY include/tovra/device/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tovra/device
+  FILES_MATCHING PATTERN "*.h")
 
 install(EXPORT tovraTargets NAMESPACE tovra:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tovra)
 configure_package_config_file(cmake/tovraConfig.cmake.in

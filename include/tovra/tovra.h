@@ -62,6 +62,18 @@ TOVRA_API const char* TOVRA_CALL TOVRA_GetLastErrorText(int32_t handle);
 /* Whether serial port `port` is present, without opening it: 1 present, 0 not, or an error.
    The device type is "com" or empty. */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_ComManagerDetect(const char* deviceType, int32_t port);
+/* USB readers: each one found is reported (event 1) before the start returns, with its
+   number as the result; then readers plugged in (1) or pulled out (2) as they come, on the
+   device library's thread. After the stop returns the callback is not called again; a
+   stop from inside the callback is allowed. Scan info: the lines of the last start, null
+   past the end. */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_UsbManagerStartDiscover(void* userContext, TOVRA_DiscoveryCallback callback);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_UsbManagerStopDiscover(void);
+TOVRA_API const char* TOVRA_CALL TOVRA_UsbManagerScanInfo(int32_t index);
+/* Bluetooth readers coming into range (1) or leaving (2), on the device library's thread;
+   the same rules for the stop. */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_BleManagerStartDiscover(void* userContext, TOVRA_DiscoveryCallback callback);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_BleManagerStopDiscover(void);
 
 /* Logging. The last two take effect only before the first reader object is created. */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_SetAppLoggingCallback(int32_t readerHandle, void* userContext,

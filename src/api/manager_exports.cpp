@@ -3,25 +3,38 @@
 
 #include "api/error_codes.h"
 #include "api/guarded.h"
+#include "devlibs/zkble_manager.h"
 #include "devlibs/zkcom_manager.h"
+#include "devlibs/zkusb_manager.h"
 #include "tovra/tovra.h"
 
 namespace tovra {
 namespace {
 
+constexpr std::int32_t kUsbManager = -1;
+constexpr std::int32_t kBleManager = -2;
 constexpr std::int32_t kComManager = -3;
 
 } // namespace
 
 std::int32_t managerLastError(std::int32_t handle)
 {
-    // A manager not built yet has no error.
-    return handle == kComManager ? ZkcomManager::instance().lastError() : err::Ok;
+    switch (handle) {
+    case kUsbManager: return ZkusbManager::instance().lastError();
+    case kBleManager: return ZkbleManager::instance().lastError();
+    case kComManager: return ZkcomManager::instance().lastError();
+    default: return err::Ok;
+    }
 }
 
 const char* managerLastErrorText(std::int32_t handle)
 {
-    return handle == kComManager ? ZkcomManager::instance().lastErrorText() : "";
+    switch (handle) {
+    case kUsbManager: return ZkusbManager::instance().lastErrorText();
+    case kBleManager: return ZkbleManager::instance().lastErrorText();
+    case kComManager: return ZkcomManager::instance().lastErrorText();
+    default: return "";
+    }
 }
 
 } // namespace tovra
@@ -32,6 +45,34 @@ TOVRA_API std::int32_t TOVRA_CALL TOVRA_ComManagerDetect(const char* deviceType,
 {
     return tovra::guarded(tovra::err::CannotLoadPlugin,
                           [&] { return tovra::ZkcomManager::instance().detect(deviceType, port); });
+}
+
+TOVRA_API std::int32_t TOVRA_CALL TOVRA_UsbManagerStartDiscover(void* userContext, TOVRA_DiscoveryCallback callback)
+{
+    return tovra::guarded(tovra::err::CannotLoadPlugin,
+                          [&] { return tovra::ZkusbManager::instance().startDiscover(userContext, callback); });
+}
+
+TOVRA_API std::int32_t TOVRA_CALL TOVRA_UsbManagerStopDiscover()
+{
+    return tovra::guarded(tovra::err::CannotLoadPlugin, [] { return tovra::ZkusbManager::instance().stopDiscover(); });
+}
+
+TOVRA_API const char* TOVRA_CALL TOVRA_UsbManagerScanInfo(std::int32_t index)
+{
+    return tovra::guarded(static_cast<const char*>(nullptr),
+                          [&] { return tovra::ZkusbManager::instance().scanInfo(index); });
+}
+
+TOVRA_API std::int32_t TOVRA_CALL TOVRA_BleManagerStartDiscover(void* userContext, TOVRA_DiscoveryCallback callback)
+{
+    return tovra::guarded(tovra::err::CannotLoadPlugin,
+                          [&] { return tovra::ZkbleManager::instance().startDiscover(userContext, callback); });
+}
+
+TOVRA_API std::int32_t TOVRA_CALL TOVRA_BleManagerStopDiscover()
+{
+    return tovra::guarded(tovra::err::CannotLoadPlugin, [] { return tovra::ZkbleManager::instance().stopDiscover(); });
 }
 
 } // extern "C"

@@ -56,6 +56,14 @@ std::string ZkcomLibrary::errorText(std::int32_t code) const
     return text;
 }
 
+std::string ZkusbLibrary::errorText(std::int32_t code) const
+{
+    char text[1024] = {};
+    entry<ZKUSB_GetErrorText_t>(1)(code, text);
+    text[sizeof text - 1] = '\0';
+    return text;
+}
+
 ZkgadgetLibrary& ZkgadgetLibrary::process()
 {
     // Never destroyed: a gadget still in use at exit keeps its library.

@@ -11,9 +11,13 @@ DeviceLibrary::DeviceLibrary(const DeviceLibraryDescription& description)
 
 bool DeviceLibrary::load()
 {
+    return loadFile(description_.fileBase.empty() ? std::string() : platform::libraryFileName(description_.fileBase));
+}
+
+bool DeviceLibrary::loadFile(const std::string& file)
+{
     if (module_ != nullptr) unload();
-    if (!description_.fileBase.empty()) {
-        const std::string file = platform::libraryFileName(description_.fileBase);
+    if (!file.empty()) {
         module_ = platform::loadLibrary(file.c_str());
         if (module_ == nullptr) status_ = "Error=" + platform::lastLoadError();
     }

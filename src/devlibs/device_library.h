@@ -32,6 +32,8 @@ public:
 
     // Loads the library by file name and resolves every entry point, then check().
     bool load();
+    // The same with the file named as it stands (the system's search rules apply).
+    bool loadFile(const std::string& file);
     // Every entry point there: the available version is read from the library.
     bool check();
     // An unreadable version counts as older than any required one.
@@ -49,6 +51,9 @@ public:
     const char* rawVersion() const;
 
 protected:
+    // A text a library handed out, "" for none.
+    static std::string textOf(const char* text) { return text != nullptr ? text : ""; }
+
     template <typename Function>
     Function entry(std::size_t index) const
     {

@@ -13,6 +13,7 @@
 
 #include <concepts>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -49,6 +50,16 @@ inline std::string hex(std::int32_t value)
         text.insert(text.begin(), digits[bits & 0xF]);
         bits >>= 4;
     } while (bits != 0);
+    return text;
+}
+
+// An address in upper-case hexadecimal, for the records that name callbacks and contexts
+// after "0x".
+inline std::string pointer(const void* address)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%llX",
+                  static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address)));
     return text;
 }
 

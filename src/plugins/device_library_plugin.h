@@ -6,6 +6,8 @@
 #include "plugins/tovra_plugin.h"
 #include "reader/connection_record.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <string>
 
@@ -31,6 +33,22 @@ public:
 
     const char* pliGetVersion() override { return loaded_ ? library_.rawVersion() : ""; }
 
+    // No port parameters pass through: -5024 while the library can be used, not stored.
+    std::int32_t pliPutParam(std::int32_t, const char*, const char*) override
+    try {
+        const std::int32_t refused = refusal();
+        return refused < 0 ? refused : err::NotImplemented;
+    } catch (...) {
+        return err::NotImplemented;
+    }
+    std::int32_t pliGetParam(std::int32_t, const char*, std::string&) override
+    try {
+        const std::int32_t refused = refusal();
+        return refused < 0 ? refused : err::NotImplemented;
+    } catch (...) {
+        return err::NotImplemented;
+    }
+
 protected:
     DeviceLibraryPlugin(ConnectionRecord* owner, std::int32_t kind, std::uint32_t category)
         : TovraPlugin(owner), category_(category)
@@ -47,17 +65,48 @@ protected:
         else TOVRA_LOG_ERROR(logger(), category_ | logcat::Error, library_.versionText());
     }
 
-    // 0 while the library can be used; else -5021 or -5022, stored as the last error.
-    std::int32_t libraryState()
+    // 0 while the library can be used; else -5021 or -5022, stored as the last error and
+    // logged under `method`.
+    std::int32_t refusal(std::string_view method = TOVRA_LOG_METHOD, int line = __LINE__)
     {
-        if (!loaded_) return fail(err::CannotLoadPlugin);
-        if (!versionOk_) return fail(err::PluginVersionMismatch);
-        return err::Ok;
+        std::int32_t code = err::Ok;
+        if (!loaded_) code = fail(err::CannotLoadPlugin);
+        else if (!versionOk_) code = fail(err::PluginVersionMismatch);
+        if (code < 0 && logger().isEnabled(category_ | logcat::Error))
+            logger().error(method, line,
+                           code == err::PluginVersionMismatch ? library_.versionText() : libraryErrorText(code));
+        return code;
     }
-    // The text a refused operation logs.
-    std::string refusalText(std::int32_t code)
+
+    // A transmit's result is kept as the last error whatever its sign.
+    std::int32_t transmitted(std::int32_t result, std::string_view what)
     {
-        return code == err::PluginVersionMismatch ? library_.versionText() : libraryErrorText(code);
+        lastError_ = result;
+        if (result < 0) TOVRA_LOG_ERROR(logger(), category_ | logcat::Error, what, " ", library_.errorText(result));
+        else TOVRA_LOG_TRACE(logger(), category_, what, " ", result);
+        return result;
+    }
+
+    // What a library that delivers whole frames answered a receive of `size` bytes: the
+    // frame's length (never more than the buffer holds), pending for its time-out (0), or
+    // the stored error.
+    std::int32_t wholeFrame(std::int32_t result, std::size_t size)
+    {
+        if (result == 0) return err::ReceivePending;
+        if (result < 0) {
+            TOVRA_LOG_ERROR(logger(), category_ | logcat::Error, "Receive ", library_.errorText(result));
+            return fail(result);
+        }
+        if (static_cast<std::size_t>(result) > size) {
+            TOVRA_LOG_ERROR(logger(), category_ | logcat::Error, "Receive reported ", result, " bytes for ", size);
+            return static_cast<std::int32_t>(size);
+        }
+        return result;
+    }
+
+    static std::int32_t clampedSize(std::size_t size)
+    {
+        return static_cast<std::int32_t>(std::min<std::size_t>(size, INT32_MAX));
     }
 
     TovraLogger& logger() const { return owner_->logger(); }
@@ -76,8 +125,6 @@ private:
 // refusal under the operation's own name.
 #define TOVRA_REQUIRE_LIBRARY()                                                                \
     do {                                                                                       \
-        if (const std::int32_t tovraRefused_ = libraryState(); tovraRefused_ < 0) {            \
-            TOVRA_LOG_ERROR(logger(), category() | ::tovra::logcat::Error, refusalText(tovraRefused_)); \
+        if (const std::int32_t tovraRefused_ = refusal(TOVRA_LOG_METHOD, __LINE__); tovraRefused_ < 0)   \
             return tovraRefused_;                                                              \
-        }                                                                                      \
     } while (0)

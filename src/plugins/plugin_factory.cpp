@@ -2,8 +2,11 @@
 
 #include "api/error_codes.h"
 #include "plugins/tovra_listener_tcp.h"
+#include "plugins/tovra_plugin_ble.h"
 #include "plugins/tovra_plugin_com.h"
+#include "plugins/tovra_plugin_cust.h"
 #include "plugins/tovra_plugin_tcp.h"
+#include "plugins/tovra_plugin_usb.h"
 #include "plugins/unavailable_transport.h"
 #include "reader/connector.h"
 
@@ -28,9 +31,6 @@ std::unique_ptr<TovraListener> makeListener(ConnectionRecord& owner)
     return std::make_unique<Listener>(&owner);
 }
 
-constexpr char kUsbName[] = "USB";
-constexpr char kBleName[] = "BLE";
-constexpr char kCustName[] = "CUST";
 constexpr char kGadgetName[] = "GADGET";
 
 // A transport this build does not have yet.
@@ -57,13 +57,13 @@ struct Transport {
 
 constexpr std::array kTransports = {
     Transport{"com", kConnectorCom, make<TovraPluginCom>, makeListener<TovraListenerCom>},
-    Transport{"usb", kConnectorUsb, unavailable<kConnectorUsb, kUsbName>, nullptr},
+    Transport{"usb", kConnectorUsb, make<TovraPluginUsb>, nullptr},
     Transport{"tcp", kConnectorTcp, make<TovraPluginTcp>, makeListener<TovraListenerTcp>},
-    Transport{"bthle", kConnectorBle, unavailable<kConnectorBle, kBleName>, nullptr},
-    Transport{"bthspp", kConnectorBle, unavailable<kConnectorBle, kBleName>, nullptr},
+    Transport{"bthle", kConnectorBle, make<TovraPluginBle>, nullptr},
+    Transport{"bthspp", kConnectorBle, make<TovraPluginBle>, nullptr},
     // No section name gives this type; the factory still takes it.
-    Transport{"", kConnectorBle5, unavailable<kConnectorBle5, kBleName>, nullptr},
-    Transport{"cust", kConnectorCust, unavailable<kConnectorCust, kCustName>, nullptr},
+    Transport{"", kConnectorBle5, make<TovraPluginBle>, nullptr},
+    Transport{"cust", kConnectorCust, make<TovraPluginCust>, nullptr},
     Transport{"gadget", kConnectorGadget, unavailable<kConnectorGadget, kGadgetName>, unavailableListener<kConnectorGadget>},
 };
 

@@ -18,11 +18,6 @@ constexpr std::uint32_t kError = logcat::Error | logcat::Com;
 constexpr auto kSettleTime = std::chrono::milliseconds(100);
 constexpr auto kGateWait = std::chrono::milliseconds(100);
 
-std::int32_t clampedSize(std::size_t size)
-{
-    return static_cast<std::int32_t>(std::min<std::size_t>(size, INT32_MAX));
-}
-
 // The text as it stands when "%u" reads a number from it (so "3x" is kept whole).
 bool readsAsUnsigned(const std::string& text)
 {

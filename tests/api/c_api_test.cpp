@@ -100,10 +100,10 @@ TEST(ReaderModule, ConnectListenAndDetectErrorsCarryTheirTexts)
     EXPECT_STREQ(TOVRA_GetLastErrorText(reader), "TOVRA error: code=-5020: Invalid plugin type");
     EXPECT_STREQ(TOVRA_GetConnector(reader), "serial:port=1");
 
-    // A transport that this build does not carry yet.
-    EXPECT_EQ(TOVRA_ConnectByHost(reader, "USB:Device=1"), -5024);
-    EXPECT_EQ(TOVRA_GetLastError(reader), -5024);
-    EXPECT_STREQ(TOVRA_GetLastErrorText(reader), "TOVRA error: code=-5024: Plugin function is not implemented");
+    // A transport whose device library is not installed.
+    EXPECT_EQ(TOVRA_ConnectByHost(reader, "USB:Device=1"), -5021);
+    EXPECT_EQ(TOVRA_GetLastError(reader), -5021);
+    EXPECT_STREQ(TOVRA_GetLastErrorText(reader), "TOVRA error: code=-5021: Cannot load plugin");
 
     // A plugin's own failure is explained by the plugin after it is gone.
     EXPECT_EQ(TOVRA_ConnectByHost(reader, "TCP:IPAddress=127.0.0.1:Port=65536"), -1503);
@@ -147,7 +147,7 @@ TEST(ReaderModule, TerminateFromOtherThreadsWhileReadersComeAndGo)
                 const std::int32_t reader = TOVRA_Create(t % 2 == 0 ? 2 : 3, "usb:");
                 ASSERT_GT(reader, 0);
                 EXPECT_EQ(TOVRA_Terminate(reader), 0);
-                EXPECT_EQ(TOVRA_ConnectByHost(reader, nullptr), -5024);
+                EXPECT_EQ(TOVRA_ConnectByHost(reader, nullptr), -5021);
                 EXPECT_EQ(TOVRA_Delete(reader), 0);
             }
         });

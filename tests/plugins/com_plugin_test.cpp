@@ -17,33 +17,10 @@
 
 namespace {
 
+using tovra::test::responseHex;
 using tovra::test::StandIn;
 using tovra::test::waitUntil;
 using Bytes = std::vector<std::uint8_t>;
-
-// The calls of the stand-in that contain `part`, in order.
-std::vector<std::string> callsWith(StandIn& standIn, const std::string& part)
-{
-    std::vector<std::string> lines;
-    std::istringstream all(standIn.calls());
-    for (std::string line; std::getline(all, line);)
-        if (line.find(part) != std::string::npos) lines.push_back(line);
-    return lines;
-}
-
-// An enhanced response frame around `payload`, as the stand-in's script wants it.
-std::string responseHex(const Bytes& payload)
-{
-    tovra::ProtocolFrame frame;
-    tovra::buildFrame(frame, payload.data(), payload.size(), 3, tovra::kDirectionResponse, 0xFF);
-    static constexpr char digits[] = "0123456789ABCDEF";
-    std::string hex;
-    for (std::size_t i = 0; i < frame.usedLength(); ++i) {
-        hex += digits[frame.bytes[i] >> 4];
-        hex += digits[frame.bytes[i] & 0xF];
-    }
-    return hex;
-}
 
 class ComPlugin : public ::testing::Test {
 protected:
@@ -60,7 +37,7 @@ protected:
     {
         const std::string handle = std::to_string(TOVRA_GetLowLevelPortHandle(reader));
         std::vector<std::string> lines;
-        for (std::string line : callsWith(standIn, "")) {
+        for (std::string line : standIn.callsWith("")) {
             if (line.starts_with("DetectPort")) continue;
             const auto at = line.find(" " + handle);
             if (at != std::string::npos && line.rfind("OpenPort", 0) != 0) line.replace(at, handle.size() + 1, " H");
@@ -99,7 +76,7 @@ TEST_F(ComPlugin, ConnectSetsThePortUpInItsOrder)
                               }));
     const std::string handle = std::to_string(TOVRA_GetLowLevelPortHandle(reader));
     EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
-    EXPECT_EQ(callsWith(standIn, "ClosePort"), std::vector<std::string>{"ClosePort " + handle});
+    EXPECT_EQ(standIn.callsWith("ClosePort"), std::vector<std::string>{"ClosePort " + handle});
 }
 
 TEST_F(ComPlugin, ConnectorKeysReachTheLibraryAsGiven)
@@ -118,8 +95,8 @@ TEST_F(ComPlugin, ConnectorKeysReachTheLibraryAsGiven)
     for (const auto& c : cases) {
         standIn.control("reset");
         ASSERT_EQ(TOVRA_ConnectByHost(reader, c.connector), 0) << c.connector;
-        EXPECT_FALSE(callsWith(standIn, c.expected).empty()) << c.connector << "\n" << standIn.calls();
-        EXPECT_TRUE(callsWith(standIn, c.absent).empty()) << c.connector << "\n" << standIn.calls();
+        EXPECT_FALSE(standIn.callsWith(c.expected).empty()) << c.connector << "\n" << standIn.calls();
+        EXPECT_TRUE(standIn.callsWith(c.absent).empty()) << c.connector << "\n" << standIn.calls();
         EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
     }
 
@@ -150,7 +127,7 @@ TEST_F(ComPlugin, AFailedSetUpClosesThePortAgain)
         EXPECT_STREQ(TOVRA_GetLastErrorText(reader), ("STANDIN error " + std::to_string(c.code)).c_str());
         EXPECT_STREQ(TOVRA_GetConnectionState(reader), "SingleCh=Discon");
         const bool opened = c.code != -1002;
-        EXPECT_EQ(callsWith(standIn, "ClosePort").size(), opened ? 1u : 0u) << c.failure;
+        EXPECT_EQ(standIn.callsWith("ClosePort").size(), opened ? 1u : 0u) << c.failure;
     }
     // The results of the library's own settings are not looked at.
     standIn.control("reset");
@@ -167,7 +144,7 @@ TEST_F(ComPlugin, FramesComeWholeAndTheLibraryTimeOutIsNoError)
     std::uint64_t length = sizeof response;
     ASSERT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), 0);
     EXPECT_EQ(Bytes(response, response + length), (Bytes{0x65, 0x00, 0x42}));
-    EXPECT_EQ(callsWith(standIn, "Transmit").size(), 1u);
+    EXPECT_EQ(standIn.callsWith("Transmit").size(), 1u);
 
     // Nothing comes: the library's time-out code only means "not yet".
     ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 300), 0);
@@ -221,17 +198,17 @@ TEST_F(ComPlugin, TheListenerHandsThePortOverAtOnce)
             return connections.texts.size() == 1;
         }));
         EXPECT_EQ(connections.texts[0], "COM from host connection");
-        EXPECT_FALSE(callsWith(standIn, "OpenPort 6").empty());
-        EXPECT_FALSE(callsWith(standIn, "baud 9600").empty());
+        EXPECT_FALSE(standIn.callsWith("OpenPort 6").empty());
+        EXPECT_FALSE(standIn.callsWith("baud 9600").empty());
         EXPECT_EQ(TOVRA_StartListener(module, "com:Device=COM6"), -5008);
 
         EXPECT_EQ(TOVRA_StopListener(module), 0);
-        EXPECT_EQ(callsWith(standIn, "ClosePort").size(), 1u);
+        EXPECT_EQ(standIn.callsWith("ClosePort").size(), 1u);
         EXPECT_STREQ(TOVRA_GetConnectionState(module), kind == 2 ? "SingleCh=Discon" : "AppCh=Discon:RdrCh=Discon");
         // The port can be listened on again.
         EXPECT_EQ(TOVRA_StartListener(module, "com:Device=COM6"), 0);
         EXPECT_EQ(TOVRA_Delete(module), 0);
-        EXPECT_EQ(callsWith(standIn, "ClosePort").size(), 2u);
+        EXPECT_EQ(standIn.callsWith("ClosePort").size(), 2u);
     }
     // A port that cannot be opened is no connection: the listener is not kept.
     standIn.control("fail OpenPort -1002");
@@ -253,8 +230,8 @@ TEST_F(ComPlugin, DetectionTriesTheShortListInOrderAndClosesThePort)
     EXPECT_EQ(tried.front(), "COM:Device=COM4:BusAddress=255:Baud=38400:Frame=8E1");
     EXPECT_EQ(tried[1], "COM:Device=COM4:BusAddress=255:Baud=38400:Frame=8N1");
     EXPECT_EQ(tried.back(), "COM:Device=COM4:BusAddress=255:Baud=115200:Frame=8O1");
-    EXPECT_EQ(callsWith(standIn, "Baud 115200").size(), 3u) << "the candidates reach the library as written";
-    EXPECT_EQ(callsWith(standIn, "ClosePort").size(), 1u);
+    EXPECT_EQ(standIn.callsWith("Baud 115200").size(), 3u) << "the candidates reach the library as written";
+    EXPECT_EQ(standIn.callsWith("ClosePort").size(), 1u);
     EXPECT_STREQ(TOVRA_GetConnectionState(reader), "SingleCh=Discon");
     EXPECT_EQ(TOVRA_GetReceiveTimeout(reader), 5000);
 
@@ -278,11 +255,11 @@ TEST_F(ComPlugin, PortPresenceAskedOfTheManager)
     EXPECT_EQ(TOVRA_ComManagerDetect("", 3), 1);
     EXPECT_EQ(TOVRA_ComManagerDetect(nullptr, 4), 0);
     EXPECT_EQ(TOVRA_GetLastError(-3), 0);
-    EXPECT_EQ(callsWith(standIn, "DetectPort").size(), 3u);
+    EXPECT_EQ(standIn.callsWith("DetectPort").size(), 3u);
     EXPECT_EQ(TOVRA_ComManagerDetect("usb", 3), -5005);
     EXPECT_EQ(TOVRA_GetLastError(-3), -5005);
     EXPECT_STREQ(TOVRA_GetLastErrorText(-3), "TOVRA error: code=-5005: Detection parameter error");
-    EXPECT_EQ(callsWith(standIn, "DetectPort").size(), 3u) << "not asked for a device type it does not serve";
+    EXPECT_EQ(standIn.callsWith("DetectPort").size(), 3u) << "not asked for a device type it does not serve";
 }
 
 // Without a serial library: every use is refused, and the texts say so.

@@ -1,9 +1,12 @@
 #pragma once
 
 #include "platform/dynlib.h"
+#include "protocol/protocol_frame.h"
 
 #include <cstdint>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace tovra::test {
 
@@ -22,7 +25,12 @@ public:
             control_ = platform::symbolAs<Control>(platform::findSymbol(module_, "STANDIN_Control"));
         if (control_ != nullptr) control("reset");
     }
-    ~StandIn() { platform::unloadLibrary(module_); }
+    // Its event thread stops first: the library may really go away with this reference.
+    ~StandIn()
+    {
+        control("reset");
+        platform::unloadLibrary(module_);
+    }
     StandIn(const StandIn&) = delete;
     StandIn& operator=(const StandIn&) = delete;
 
@@ -36,10 +44,40 @@ public:
     }
     std::string calls() { return control("calls"); }
 
+    // The recorded calls that contain `part`, in order.
+    std::vector<std::string> callsWith(const std::string& part)
+    {
+        std::vector<std::string> lines;
+        std::istringstream all(calls());
+        for (std::string line; std::getline(all, line);)
+            if (line.find(part) != std::string::npos) lines.push_back(line);
+        return lines;
+    }
+
 private:
     using Control = std::int32_t (*)(const char*, char*, std::int32_t);
     platform::LibraryHandle module_ = nullptr;
     Control control_ = nullptr;
 };
+
+// Bytes as the stand-ins' scripts take them.
+inline std::string hexOf(const std::uint8_t* bytes, std::size_t length)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string hex;
+    for (std::size_t i = 0; i < length; ++i) {
+        hex += digits[bytes[i] >> 4];
+        hex += digits[bytes[i] & 0xF];
+    }
+    return hex;
+}
+
+// An enhanced response frame around `payload`, as a stand-in's script wants it.
+inline std::string responseHex(const std::vector<std::uint8_t>& payload)
+{
+    ProtocolFrame frame;
+    buildFrame(frame, payload.data(), payload.size(), 3, kDirectionResponse, 0xFF);
+    return hexOf(frame.bytes.data(), frame.usedLength());
+}
 
 } // namespace tovra::test

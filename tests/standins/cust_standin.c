@@ -1,0 +1,98 @@
+/* A stand-in for a custom transport library: it records calls, answers from a script and
+   hands out whole frames. Variants are builds with switches:
+     STANDIN_WITHOUT_GETPORTPARAMETER  leaves TOVRA_PLI_GetPortParameter out. */
+#include "standin_common.h"
+#include "tovra/transport.h"
+
+#include <stdint.h>
+#include <stdio.h>
+
+#define TOO_LONG_CODE (-9008)
+
+const char standinDefaultVersion[] = "1.0.0";
+
+static int32_t nextHandle;
+
+static int32_t clampedSize(size_t size) { return size > INT32_MAX ? INT32_MAX : (int32_t)size; }
+
+TOVRA_PLI_EXPORT const char* TOVRA_PLI_CALL TOVRA_PLI_GetVersion(void) { return standinVersion(); }
+
+TOVRA_PLI_EXPORT const char* TOVRA_PLI_CALL TOVRA_PLI_GetErrorText(int32_t code) { return standinErrorText(code); }
+
+TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Connect(const char* connector)
+{
+    char line[1024];
+    snprintf(line, sizeof line, "Connect %s", connector != NULL ? connector : "(null)");
+    standinLock();
+    int32_t code = standinCalledLocked("Connect", line);
+    if (code == 0) code = nextHandle++;
+    standinUnlock();
+    return code;
+}
+
+TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Disconnect(int32_t portHandle)
+{
+    char line[64];
+    snprintf(line, sizeof line, "Disconnect %d", portHandle);
+    return standinCalled("Disconnect", line);
+}
+
+TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Transmit(int32_t portHandle, const uint8_t* data, size_t length)
+{
+    char line[64];
+    (void)data;
+    snprintf(line, sizeof line, "Transmit %d %zu", portHandle, length);
+    return standinTransmit(line);
+}
+
+TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Receive(int32_t portHandle, uint8_t* buffer, size_t size)
+{
+    char line[64];
+    snprintf(line, sizeof line, "Receive %d %zu", portHandle, size);
+    return standinReceive(buffer, clampedSize(size), 1, TOO_LONG_CODE, TOVRA_PLI_TIMEOUT, line);
+}
+
+TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_PutPortParameter(int32_t portHandle, const char* key,
+                                                                   const char* value)
+{
+    char line[256];
+    snprintf(line, sizeof line, "PutPortParameter %d %s %s", portHandle, key != NULL ? key : "(null)",
+             value != NULL ? value : "(null)");
+    return standinCalled("PutPortParameter", line);
+}
+
+#if !defined(STANDIN_WITHOUT_GETPORTPARAMETER)
+TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_GetPortParameter(int32_t portHandle, const char* key, char* value,
+                                                                   size_t size)
+{
+    char line[160];
+    snprintf(line, sizeof line, "GetPortParameter %d %s", portHandle, key != NULL ? key : "(null)");
+    if (value != NULL && size > 0) value[0] = '\0';
+    return standinCalled("GetPortParameter", line);
+}
+STANDIN_SAME_TYPE(TOVRA_PLI_GetPortParameter, TOVRA_PLI_GetPortParameter_t);
+#endif
+
+STANDIN_SAME_TYPE(TOVRA_PLI_GetVersion, TOVRA_PLI_GetVersion_t);
+STANDIN_SAME_TYPE(TOVRA_PLI_GetErrorText, TOVRA_PLI_GetErrorText_t);
+STANDIN_SAME_TYPE(TOVRA_PLI_Connect, TOVRA_PLI_Connect_t);
+STANDIN_SAME_TYPE(TOVRA_PLI_Disconnect, TOVRA_PLI_Disconnect_t);
+STANDIN_SAME_TYPE(TOVRA_PLI_Transmit, TOVRA_PLI_Transmit_t);
+STANDIN_SAME_TYPE(TOVRA_PLI_Receive, TOVRA_PLI_Receive_t);
+STANDIN_SAME_TYPE(TOVRA_PLI_PutPortParameter, TOVRA_PLI_PutPortParameter_t);
+
+/* No events and no commands of its own. */
+int standinOwnCommand(const char* command, const char** answer)
+{
+    (void)command;
+    (void)answer;
+    return 0;
+}
+void standinOwnReset(void) {}
+void standinOwnCalm(void) {}
+int standinNextDelivery(StandinDelivery* delivery)
+{
+    (void)delivery;
+    return 0;
+}
+void standinDeliver(const StandinDelivery* delivery) { (void)delivery; }
