@@ -65,7 +65,7 @@ public:
     ZKUSB2_StopScan_t stopScan() const { return entry<ZKUSB2_StopScan_t>(4); }
     ZKUSB2_GetNextEvent_t getNextEvent() const { return entry<ZKUSB2_GetNextEvent_t>(5); }
     ZKUSB2_OpenDevice_t openDevice() const { return entry<ZKUSB2_OpenDevice_t>(6); }
-    ZKUSB2_CloseDevice_t closeDevice() const { return entry<ZKUSB2_CloseDevice_t>(7); }
+    ZKUSB2_CloseDevice_t close() const { return entry<ZKUSB2_CloseDevice_t>(7); }
     ZKUSB2_Transmit_t transmit() const { return entry<ZKUSB2_Transmit_t>(8); }
     ZKUSB2_Receive_t receive() const { return entry<ZKUSB2_Receive_t>(9); }
     ZKUSB2_PutParameter_t putParameter() const { return entry<ZKUSB2_PutParameter_t>(11); }
@@ -80,7 +80,7 @@ public:
 
     ZKBLE_Connect_t connect() const { return entry<ZKBLE_Connect_t>(2); }
     ZKBLE_ConnectSpp_t connectSpp() const { return entry<ZKBLE_ConnectSpp_t>(3); }
-    ZKBLE_Disconnect_t disconnect() const { return entry<ZKBLE_Disconnect_t>(4); }
+    ZKBLE_Disconnect_t close() const { return entry<ZKBLE_Disconnect_t>(4); }
     ZKBLE_Transmit_t transmit() const { return entry<ZKBLE_Transmit_t>(5); }
     ZKBLE_Receive_t receive() const { return entry<ZKBLE_Receive_t>(6); }
     ZKBLE_PutParameter_t putParameter() const { return entry<ZKBLE_PutParameter_t>(7); }

@@ -3,6 +3,7 @@
 #include "api/error_codes.h"
 #include "api/error_texts.h"
 #include "api/version.h"
+#include "devlibs/discovery_delivery.h"
 #include "logging/log.h"
 #include "logging/tovra_logger.h"
 
@@ -116,6 +117,41 @@ private:
     bool versionOk_ = false;
     std::int32_t lastError_ = 0;
     std::string lastErrorText_;
+};
+
+// A manager that reports readers to an application callback from the library's threads.
+// Starts and stops take turns.
+template <typename Library>
+class DiscoveryManager : public DeviceLibraryManager<Library> {
+protected:
+    using DeviceLibraryManager<Library>::DeviceLibraryManager;
+
+    void keepCallback(void* context, TOVRA_DiscoveryCallback callback)
+    {
+        delivery_.set(context, callback);
+        TOVRA_LOG_TRACE(this->logger(), this->category(), "Set event callback: parent=0x", logging::pointer(context),
+                        " cbEvent=0x", logging::pointer(reinterpret_cast<const void*>(callback)));
+    }
+    // Once the library calls no handler any more: no delivery runs after it returns.
+    std::int32_t forgetCallback()
+    {
+        delivery_.clear();
+        TOVRA_LOG_TRACE(this->logger(), this->category(), "Set event callback off");
+        return err::Ok;
+    }
+    // The stop of libraries that scan with one registered callback.
+    std::int32_t stopScanning()
+    {
+        std::lock_guard operation(operationLock_);
+        this->clearError();
+        if (const std::int32_t state = this->libraryState(); state < 0) return this->setError(state);
+        this->library().stopScan()();
+        this->library().registerScanCallback()(nullptr, nullptr);
+        return forgetCallback();
+    }
+
+    std::mutex operationLock_;
+    DiscoveryDelivery delivery_;
 };
 
 } // namespace tovra

@@ -7,7 +7,6 @@ namespace tovra {
 namespace {
 
 constexpr std::uint32_t kTrace = logcat::BleManager;
-using logging::pointer;
 
 } // namespace
 
@@ -27,7 +26,7 @@ ZkbleManager& ZkbleManager::instance()
     return *manager;
 }
 
-ZkbleManager::ZkbleManager() : DeviceLibraryManager("BLEman", logcat::BleManager) {}
+ZkbleManager::ZkbleManager() : DiscoveryManager("BLEman", logcat::BleManager) {}
 
 std::string ZkbleManager::textOf(std::int32_t code)
 {
@@ -39,24 +38,10 @@ std::int32_t ZkbleManager::startDiscover(void* context, TOVRA_DiscoveryCallback 
     std::lock_guard operation(operationLock_);
     clearError();
     if (const std::int32_t state = loadLibrary(); state < 0) return setError(state);
-    delivery_.set(context, callback);
-    TOVRA_LOG_TRACE(logger(), kTrace, "Set event callback: parent=0x", pointer(context), " cbEvent=0x",
-                    pointer(reinterpret_cast<const void*>(callback)));
+    keepCallback(context, callback);
     library().registerScanCallback()(this, &ZkbleManager::cbEvent);
     const std::int32_t started = library().startScan()();
     if (started < 0) return setError(started);
-    return err::Ok;
-}
-
-std::int32_t ZkbleManager::stopDiscover()
-{
-    std::lock_guard operation(operationLock_);
-    clearError();
-    if (const std::int32_t state = libraryState(); state < 0) return setError(state);
-    library().stopScan()();
-    library().registerScanCallback()(nullptr, nullptr);
-    delivery_.clear();
-    TOVRA_LOG_TRACE(logger(), kTrace, "Set event callback off");
     return err::Ok;
 }
 

@@ -2,7 +2,6 @@
 
 #include "devlibs/device_libraries.h"
 #include "devlibs/device_library_manager.h"
-#include "devlibs/discovery_delivery.h"
 
 #include <cstdint>
 #include <string>
@@ -14,12 +13,12 @@ std::string bleScanInfo(const ZKBLE_ScanRecord& record);
 
 // Reports Bluetooth readers coming into range or leaving, for the application
 // (pseudo-handle -2). The handler runs on the library's thread.
-class ZkbleManager : public DeviceLibraryManager<ZkbleLibrary> {
+class ZkbleManager : public DiscoveryManager<ZkbleLibrary> {
 public:
     static ZkbleManager& instance();
 
     std::int32_t startDiscover(void* context, TOVRA_DiscoveryCallback callback);
-    std::int32_t stopDiscover();
+    std::int32_t stopDiscover() { return stopScanning(); }
 
 private:
     ZkbleManager();
@@ -27,9 +26,6 @@ private:
     void onEvent(std::uint32_t eventType, const ZKBLE_ScanRecord* record);
 
     static void ZKBLE_CALL cbEvent(void* context, std::uint32_t eventType, const ZKBLE_ScanRecord* record);
-
-    std::mutex operationLock_;
-    DiscoveryDelivery delivery_;
 };
 
 } // namespace tovra

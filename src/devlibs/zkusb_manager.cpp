@@ -8,7 +8,6 @@ namespace {
 
 constexpr std::uint32_t kTrace = logcat::UsbManager;
 constexpr char kErrorPrefix[] = "USB manager plugin error ";
-using logging::pointer;
 
 static_assert(sizeof(ZKUSB_EventRecord) == 32 || sizeof(void*) != 8, "the library reads 32 bytes");
 
@@ -44,7 +43,7 @@ ZkusbManager& ZkusbManager::instance()
 }
 
 ZkusbManager::ZkusbManager()
-    : DeviceLibraryManager("USBman", logcat::UsbManager),
+    : DiscoveryManager("USBman", logcat::UsbManager),
       plugRecord_(eventRecord(ZKUSB_EVENT_PLUG, this, &ZkusbManager::cbPlug)),
       unplugRecord_(eventRecord(ZKUSB_EVENT_UNPLUG, this, &ZkusbManager::cbUnplug))
 {
@@ -77,9 +76,7 @@ std::int32_t ZkusbManager::startDiscover(void* context, TOVRA_DiscoveryCallback 
         if (scanned >= 0) count = std::max(library().getScanListSize()(), 0);
         TOVRA_LOG_TRACE(logger(), kTrace, count, " devices detected");
 
-        delivery_.set(context, callback);
-        TOVRA_LOG_TRACE(logger(), kTrace, "Set event callback: parent=0x", pointer(context),
-                        " cbEvent=0x", pointer(reinterpret_cast<const void*>(callback)));
+        keepCallback(context, callback);
         if (library().addEventHandler()(0, &plugRecord_) == 0) library().addEventHandler()(0, &unplugRecord_);
 
         for (std::int32_t index = 0; index < count; ++index) {
@@ -101,9 +98,7 @@ std::int32_t ZkusbManager::stopDiscover()
     if (const std::int32_t state = libraryState(); state < 0) return setError(state);
     library().delEventHandler()(0, &plugRecord_);
     library().delEventHandler()(0, &unplugRecord_);
-    delivery_.clear();
-    TOVRA_LOG_TRACE(logger(), kTrace, "Set event callback off");
-    return err::Ok;
+    return forgetCallback();
 }
 
 const char* ZkusbManager::scanInfo(std::int32_t index) const
@@ -147,7 +142,7 @@ Zkusb2Manager& Zkusb2Manager::instance()
     return *manager;
 }
 
-Zkusb2Manager::Zkusb2Manager() : DeviceLibraryManager("USBman", logcat::UsbManager) {}
+Zkusb2Manager::Zkusb2Manager() : DiscoveryManager("USBman", logcat::UsbManager) {}
 
 std::string Zkusb2Manager::textOf(std::int32_t code) { return discoveryText(code, kErrorPrefix); }
 
@@ -156,27 +151,13 @@ std::int32_t Zkusb2Manager::startDiscover(void* context, TOVRA_DiscoveryCallback
     std::lock_guard operation(operationLock_);
     clearError();
     if (const std::int32_t state = loadLibrary(); state < 0) return setError(state);
-    delivery_.set(context, callback);
-    TOVRA_LOG_TRACE(logger(), kTrace, "Set event callback: parent=0x", pointer(context), " cbEvent=0x",
-                    pointer(reinterpret_cast<const void*>(callback)));
+    keepCallback(context, callback);
     const std::int32_t registered = library().registerScanCallback()(this, &Zkusb2Manager::cbEvent);
     if (registered < 0) return setError(registered);
     const std::int32_t count = library().startScan()();
     if (count < 0) return setError(count);
     TOVRA_LOG_TRACE(logger(), kTrace, count, " devices detected");
     return count;
-}
-
-std::int32_t Zkusb2Manager::stopDiscover()
-{
-    std::lock_guard operation(operationLock_);
-    clearError();
-    if (const std::int32_t state = libraryState(); state < 0) return setError(state);
-    library().stopScan()();
-    library().registerScanCallback()(nullptr, nullptr);
-    delivery_.clear();
-    TOVRA_LOG_TRACE(logger(), kTrace, "Set event callback off");
-    return err::Ok;
 }
 
 void Zkusb2Manager::takeEvents()

@@ -2,7 +2,6 @@
 
 #include "devlibs/device_libraries.h"
 #include "devlibs/device_library_manager.h"
-#include "devlibs/discovery_delivery.h"
 
 #include <cstdint>
 #include <string>
@@ -18,7 +17,7 @@ std::string usbEventId(std::uint32_t deviceId);
 // Finds USB readers through ZKUSB and reports readers plugged in or pulled out, for the
 // application (pseudo-handle -1). Start and stop take turns; the handlers run on the
 // library's threads.
-class ZkusbManager : public DeviceLibraryManager<ZkusbLibrary> {
+class ZkusbManager : public DiscoveryManager<ZkusbLibrary> {
 public:
     static ZkusbManager& instance();
 
@@ -40,23 +39,21 @@ private:
     static void ZKUSB_CALL cbPlug(std::uint32_t handleOrContext, std::uint32_t deviceId, const char* deviceName);
     static void ZKUSB_CALL cbUnplug(std::uint32_t handleOrContext, std::uint32_t deviceId, const char* deviceName);
 
-    std::mutex operationLock_;
     mutable std::mutex listLock_;
     std::vector<std::string> scanList_;
-    DiscoveryDelivery delivery_;
     ZKUSB_EventRecord plugRecord_;
     ZKUSB_EventRecord unplugRecord_;
 };
 
 // The same over ZKUSB2, whose events wait in the library until the handler takes them.
 // No export reaches it.
-class Zkusb2Manager : public DeviceLibraryManager<Zkusb2Library> {
+class Zkusb2Manager : public DiscoveryManager<Zkusb2Library> {
 public:
     static Zkusb2Manager& instance();
 
     // The number of readers present (each reported as it comes), or an error.
     std::int32_t startDiscover(void* context, TOVRA_DiscoveryCallback callback);
-    std::int32_t stopDiscover();
+    std::int32_t stopDiscover() { return stopScanning(); }
 
 private:
     Zkusb2Manager();
@@ -64,9 +61,6 @@ private:
     void takeEvents();
 
     static void ZKUSB2_CALL cbEvent(void* context);
-
-    std::mutex operationLock_;
-    DiscoveryDelivery delivery_;
 };
 
 } // namespace tovra

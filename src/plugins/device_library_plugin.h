@@ -11,6 +11,14 @@
 #include <cstdint>
 #include <string>
 
+// Refuses the current operation while the plugin's library cannot be used, logging the
+// refusal under the operation's own name.
+#define TOVRA_REQUIRE_LIBRARY()                                                                \
+    do {                                                                                       \
+        if (const std::int32_t tovraRefused_ = this->refusal(TOVRA_LOG_METHOD, __LINE__); tovraRefused_ < 0) \
+            return tovraRefused_;                                                              \
+    } while (0)
+
 namespace tovra {
 
 // A transport that reaches its hardware through a device library: the plugin owns its
@@ -119,12 +127,52 @@ private:
     const std::uint32_t category_;
 };
 
-} // namespace tovra
+// A device library plugin over a library that carries whole frames: its transmit takes
+// one, its receive gives one (0 on its time-out), its close ends the connection.
+template <typename Library>
+class WholeFramePlugin : public DeviceLibraryPlugin<Library> {
+public:
+    std::int32_t pliDisconnect(std::int32_t portHandle) override
+    try {
+        TOVRA_REQUIRE_LIBRARY();
+        const std::int32_t result = this->library_.close()(portHandle);
+        if (result < 0) {
+            TOVRA_LOG_ERROR(this->logger(), this->category() | logcat::Error, "Disconnect ",
+                            this->library_.errorText(result));
+            return this->fail(result);
+        }
+        TOVRA_LOG_TRACE(this->logger(), this->category(), disconnectedText_);
+        return err::Ok;
+    } catch (...) {
+        return this->fail(err::DisconnectFailed);
+    }
 
-// Refuses the current operation while the plugin's library cannot be used, logging the
-// refusal under the operation's own name.
-#define TOVRA_REQUIRE_LIBRARY()                                                                \
-    do {                                                                                       \
-        if (const std::int32_t tovraRefused_ = refusal(TOVRA_LOG_METHOD, __LINE__); tovraRefused_ < 0)   \
-            return tovraRefused_;                                                              \
-    } while (0)
+    std::int32_t pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length) override
+    try {
+        TOVRA_REQUIRE_LIBRARY();
+        return this->transmitted(this->library_.transmit()(portHandle, data, this->clampedSize(length)), "Transmit");
+    } catch (...) {
+        return this->fail(err::DisconnectedByPeer);
+    }
+
+    std::int32_t pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize) override
+    try {
+        TOVRA_REQUIRE_LIBRARY();
+        TOVRA_LOG_TRACE(this->logger(), this->category(), "Start receive");
+        return this->wholeFrame(this->library_.receive()(portHandle, buffer, this->clampedSize(bufferSize)),
+                                bufferSize);
+    } catch (...) {
+        return this->fail(err::DisconnectedByPeer);
+    }
+
+protected:
+    WholeFramePlugin(ConnectionRecord* owner, std::int32_t kind, std::uint32_t category, const char* disconnectedText)
+        : DeviceLibraryPlugin<Library>(owner, kind, category), disconnectedText_(disconnectedText)
+    {
+    }
+
+private:
+    const char* const disconnectedText_;
+};
+
+} // namespace tovra

@@ -26,7 +26,7 @@ BleConnection bleConnection(const char* connector)
     return connection;
 }
 
-TovraPluginBle::TovraPluginBle(ConnectionRecord* owner) : DeviceLibraryPlugin(owner, 4, logcat::Ble) {}
+TovraPluginBle::TovraPluginBle(ConnectionRecord* owner) : WholeFramePlugin(owner, 4, logcat::Ble, "BLE disconnected") {}
 
 std::int32_t TovraPluginBle::pliConnect(const char* connector)
 try {
@@ -51,37 +51,6 @@ try {
     return handle;
 } catch (...) {
     return fail(err::ConnectionParameter);
-}
-
-std::int32_t TovraPluginBle::pliDisconnect(std::int32_t portHandle)
-try {
-    TOVRA_REQUIRE_LIBRARY();
-    const std::int32_t result = library_.disconnect()(portHandle);
-    if (result < 0) {
-        TOVRA_LOG_ERROR(logger(), kError, "Disconnect ", library_.errorText(result));
-        return fail(result);
-    }
-    TOVRA_LOG_TRACE(logger(), kTrace, "BLE disconnected");
-    return err::Ok;
-} catch (...) {
-    return fail(err::DisconnectFailed);
-}
-
-std::int32_t TovraPluginBle::pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length)
-try {
-    TOVRA_REQUIRE_LIBRARY();
-    return transmitted(library_.transmit()(portHandle, data, clampedSize(length)), "Transmit");
-} catch (...) {
-    return fail(err::DisconnectedByPeer);
-}
-
-std::int32_t TovraPluginBle::pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize)
-try {
-    TOVRA_REQUIRE_LIBRARY();
-    TOVRA_LOG_TRACE(logger(), kTrace, "Start receive");
-    return wholeFrame(library_.receive()(portHandle, buffer, clampedSize(bufferSize)), bufferSize);
-} catch (...) {
-    return fail(err::DisconnectedByPeer);
 }
 
 } // namespace tovra

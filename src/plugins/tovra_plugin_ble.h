@@ -22,14 +22,11 @@ BleConnection bleConnection(const char* connector);
 
 // A reader over Bluetooth Low Energy ("bthle") or the serial port profile ("bthspp"),
 // through the ZKBLE library, which delivers whole frames.
-class TovraPluginBle : public DeviceLibraryPlugin<ZkbleLibrary> {
+class TovraPluginBle : public WholeFramePlugin<ZkbleLibrary> {
 public:
     explicit TovraPluginBle(ConnectionRecord* owner);
 
     std::int32_t pliConnect(const char* connector) override;
-    std::int32_t pliDisconnect(std::int32_t portHandle) override;
-    std::int32_t pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length) override;
-    std::int32_t pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize) override;
 };
 
 } // namespace tovra

@@ -17,6 +17,23 @@ constexpr char kInterface[] = "QEMA-RCI2";
 // everything behind it; past this much the queue starts over rather than grow for ever.
 constexpr std::size_t kQueueLimit = 4 * 32768;
 
+// What both USB plugins do on connect: open the device the connector names, then set its
+// receive time-out; the port handle, or the library's error.
+template <typename Library, typename SetTimeout>
+std::int32_t openUsb(const Library& library, TovraLogger& logger, const char* connector, SetTimeout setTimeout)
+{
+    const std::uint32_t deviceId = usbDeviceId(connector);
+    TOVRA_LOG_TRACE(logger, kTrace, "USB connecting to ", hex(static_cast<std::int32_t>(deviceId)));
+    const std::int32_t handle = library.openDevice()(deviceId);
+    if (handle < 0) {
+        TOVRA_LOG_ERROR(logger, kError, "OpenDevice ", library.errorText(handle));
+        return handle;
+    }
+    setTimeout(handle);
+    TOVRA_LOG_TRACE(logger, kTrace, "USB connected to ", hex(static_cast<std::int32_t>(deviceId)));
+    return handle;
+}
+
 } // namespace
 
 std::uint8_t* ReceiveQueue::reserve(std::size_t size)
@@ -68,16 +85,10 @@ try {
         queue_.clear();
     }
     TOVRA_REQUIRE_LIBRARY();
-    const std::uint32_t deviceId = usbDeviceId(connector);
-    TOVRA_LOG_TRACE(logger(), kTrace, "USB connecting to ", hex(static_cast<std::int32_t>(deviceId)));
-    const std::int32_t handle = library_.openDevice()(deviceId);
-    if (handle < 0) {
-        TOVRA_LOG_ERROR(logger(), kError, "OpenDevice ", library_.errorText(handle));
-        return fail(handle);
-    }
-    library_.setDevicePara()(handle, "TIMEOUT", "300");
-    TOVRA_LOG_TRACE(logger(), kTrace, "USB connected to ", hex(static_cast<std::int32_t>(deviceId)));
-    return handle;
+    const std::int32_t handle = openUsb(library_, logger(), connector, [&](std::int32_t opened) {
+        library_.setDevicePara()(opened, "TIMEOUT", "300");
+    });
+    return handle < 0 ? fail(handle) : handle;
 } catch (...) {
     return fail(err::ConnectionParameter);
 }
@@ -133,55 +144,20 @@ try {
     return fail(err::DisconnectedByPeer);
 }
 
-TovraPluginUsb2::TovraPluginUsb2(ConnectionRecord* owner) : DeviceLibraryPlugin(owner, 2, logcat::Usb) {}
+TovraPluginUsb2::TovraPluginUsb2(ConnectionRecord* owner) : WholeFramePlugin(owner, 2, logcat::Usb, "USB disconnected")
+{
+}
 
 std::int32_t TovraPluginUsb2::pliConnect(const char* connector)
 try {
     lastError_ = 0;
     TOVRA_REQUIRE_LIBRARY();
-    const std::uint32_t deviceId = usbDeviceId(connector);
-    TOVRA_LOG_TRACE(logger(), kTrace, "USB connecting to ", hex(static_cast<std::int32_t>(deviceId)));
-    const std::int32_t handle = library_.openDevice()(deviceId);
-    if (handle < 0) {
-        TOVRA_LOG_ERROR(logger(), kError, "OpenDevice ", library_.errorText(handle));
-        return fail(handle);
-    }
-    library_.putParameter()(handle, "receive-timeout", "300");
-    TOVRA_LOG_TRACE(logger(), kTrace, "USB connected to ", hex(static_cast<std::int32_t>(deviceId)));
-    return handle;
+    const std::int32_t handle = openUsb(library_, logger(), connector, [&](std::int32_t opened) {
+        library_.putParameter()(opened, "receive-timeout", "300");
+    });
+    return handle < 0 ? fail(handle) : handle;
 } catch (...) {
     return fail(err::ConnectionParameter);
-}
-
-std::int32_t TovraPluginUsb2::pliDisconnect(std::int32_t portHandle)
-try {
-    TOVRA_REQUIRE_LIBRARY();
-    const std::int32_t result = library_.closeDevice()(portHandle);
-    if (result < 0) {
-        TOVRA_LOG_ERROR(logger(), kError, "CloseDevice ", library_.errorText(result));
-        return fail(result);
-    }
-    TOVRA_LOG_TRACE(logger(), kTrace, "USB disconnected");
-    return err::Ok;
-} catch (...) {
-    return fail(err::DisconnectFailed);
-}
-
-std::int32_t TovraPluginUsb2::pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length)
-try {
-    TOVRA_REQUIRE_LIBRARY();
-    return transmitted(library_.transmit()(portHandle, data, clampedSize(length)), "Transmit");
-} catch (...) {
-    return fail(err::DisconnectedByPeer);
-}
-
-std::int32_t TovraPluginUsb2::pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize)
-try {
-    TOVRA_REQUIRE_LIBRARY();
-    TOVRA_LOG_TRACE(logger(), kTrace, "Start receive");
-    return wholeFrame(library_.receive()(portHandle, buffer, clampedSize(bufferSize)), bufferSize);
-} catch (...) {
-    return fail(err::DisconnectedByPeer);
 }
 
 } // namespace tovra

@@ -51,14 +51,11 @@ private:
 };
 
 // A reader on USB through the ZKUSB2 library, which delivers whole frames.
-class TovraPluginUsb2 : public DeviceLibraryPlugin<Zkusb2Library> {
+class TovraPluginUsb2 : public WholeFramePlugin<Zkusb2Library> {
 public:
     explicit TovraPluginUsb2(ConnectionRecord* owner);
 
     std::int32_t pliConnect(const char* connector) override;
-    std::int32_t pliDisconnect(std::int32_t portHandle) override;
-    std::int32_t pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length) override;
-    std::int32_t pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize) override;
 };
 
 } // namespace tovra

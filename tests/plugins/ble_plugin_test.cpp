@@ -13,7 +13,6 @@
 namespace tovra {
 namespace {
 
-using test::responseHex;
 using test::StandIn;
 using Bytes = std::vector<std::uint8_t>;
 
@@ -90,21 +89,16 @@ TEST_F(BlePlugin, WhatIsMissingIsRefusedBeforeAnyLibraryCall)
 TEST_F(BlePlugin, RoundTripAndTheLibraryTimeOut)
 {
     ASSERT_EQ(TOVRA_ConnectByHost(reader, "bthle:macaddress=AA"), 0) << TOVRA_GetLastErrorText(reader);
-    stub.control("reply " + responseHex({0x65, 0x00, 0x42}));
-    const std::uint8_t request[] = {0x65, 0x42};
-    std::uint8_t response[16];
-    std::uint64_t length = sizeof response;
-    ASSERT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), 0);
-    EXPECT_EQ(Bytes(response, response + length), (Bytes{0x65, 0x00, 0x42}));
-    ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 300), 0);
-    length = sizeof response;
-    EXPECT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), -5015);
-
+    Bytes response;
+    ASSERT_EQ(test::scriptedExchange(reader, stub, {0x65, 0x42}, {0x65, 0x00, 0x42}, response), 0);
+    EXPECT_EQ(response, (Bytes{0x65, 0x00, 0x42}));
     // A receive error ends nothing; it is the reader module's to judge.
     stub.control("fail Receive -1205");
-    stub.control("reply " + responseHex({0x66, 0x00}));
-    length = sizeof response;
-    EXPECT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), 0);
+    ASSERT_EQ(test::scriptedExchange(reader, stub, {0x66}, {0x66, 0x00}, response), 0);
+    // The library's time-out only means "not yet": the application's timeout decides.
+    ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 300), 0);
+    stub.control("reset");
+    EXPECT_EQ(test::scriptedExchange(reader, stub, {0x65}, {}, response), -5015);
 }
 
 TEST_F(BlePlugin, AnOldLibraryIsRefusedWithTheVersionsInvolved)

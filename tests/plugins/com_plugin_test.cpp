@@ -138,24 +138,18 @@ TEST_F(ComPlugin, AFailedSetUpClosesThePortAgain)
 TEST_F(ComPlugin, FramesComeWholeAndTheLibraryTimeOutIsNoError)
 {
     ASSERT_EQ(TOVRA_ConnectByHost(reader, "com:device=COM4"), 0);
-    standIn.control("reply " + responseHex({0x65, 0x00, 0x42}));
-    const std::uint8_t request[] = {0x65, 0x42};
-    std::uint8_t response[16];
-    std::uint64_t length = sizeof response;
-    ASSERT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), 0);
-    EXPECT_EQ(Bytes(response, response + length), (Bytes{0x65, 0x00, 0x42}));
+    Bytes response;
+    ASSERT_EQ(tovra::test::scriptedExchange(reader, standIn, {0x65, 0x42}, {0x65, 0x00, 0x42}, response), 0);
+    EXPECT_EQ(response, (Bytes{0x65, 0x00, 0x42}));
     EXPECT_EQ(standIn.callsWith("Transmit").size(), 1u);
 
     // Nothing comes: the library's time-out code only means "not yet".
     ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 300), 0);
-    length = sizeof response;
-    EXPECT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), -5015);
+    EXPECT_EQ(tovra::test::scriptedExchange(reader, standIn, {0x65}, {}, response), -5015);
     // A library error on receive does not end the connection.
     standIn.control("fail Receive -1011");
-    standIn.control("reply " + responseHex({0x66, 0x00}));
-    length = sizeof response;
-    EXPECT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), 0);
-    EXPECT_EQ(Bytes(response, response + length), (Bytes{0x66, 0x00}));
+    ASSERT_EQ(tovra::test::scriptedExchange(reader, standIn, {0x66}, {0x66, 0x00}, response), 0);
+    EXPECT_EQ(response, (Bytes{0x66, 0x00}));
 }
 
 TEST_F(ComPlugin, AnOldLibraryIsRefusedWithTheVersionsInvolved)

@@ -16,7 +16,6 @@ namespace tovra {
 namespace {
 
 using test::hexOf;
-using test::responseHex;
 using test::StandIn;
 using Bytes = std::vector<std::uint8_t>;
 
@@ -220,20 +219,17 @@ TEST_F(UsbPlugin, DeviceIdsAreHexadecimal)
 TEST_F(UsbPlugin, RoundTripThroughTheInterfaceByName)
 {
     ASSERT_EQ(TOVRA_ConnectByHost(reader, "usb:deviceid=7"), 0) << TOVRA_GetLastErrorText(reader);
-    stub.control("reply " + responseHex({0x65, 0x00, 0x42}));
-    const std::uint8_t request[] = {0x65, 0x42};
-    std::uint8_t response[16];
-    std::uint64_t length = sizeof response;
-    ASSERT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), 0);
-    EXPECT_EQ(Bytes(response, response + length), (Bytes{0x65, 0x00, 0x42}));
+    Bytes response;
+    ASSERT_EQ(test::scriptedExchange(reader, stub, {0x65, 0x42}, {0x65, 0x00, 0x42}, response), 0);
+    EXPECT_EQ(response, (Bytes{0x65, 0x00, 0x42}));
     const std::string handle = std::to_string(TOVRA_GetLowLevelPortHandle(reader));
     ASSERT_EQ(stub.callsWith("Transmit").size(), 1u);
     EXPECT_EQ(stub.callsWith("Transmit")[0].rfind("Transmit " + handle + " QEMA-RCI2 ", 0), 0u);
 
     // The library's time-out only means "not yet": the application's timeout decides.
     ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 300), 0);
-    length = sizeof response;
-    EXPECT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), -5015);
+    stub.control("reset");
+    EXPECT_EQ(test::scriptedExchange(reader, stub, {0x65}, {}, response), -5015);
 }
 
 TEST_F(UsbPlugin, AnOldLibraryIsRefusedWithTheVersionsInvolved)

@@ -11,8 +11,6 @@
 
 const char standinDefaultVersion[] = "1.0.0";
 
-static int32_t nextHandle;
-
 static int32_t clampedSize(size_t size) { return size > INT32_MAX ? INT32_MAX : (int32_t)size; }
 
 TOVRA_PLI_EXPORT const char* TOVRA_PLI_CALL TOVRA_PLI_GetVersion(void) { return standinVersion(); }
@@ -23,33 +21,23 @@ TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Connect(const char* connector)
 {
     char line[1024];
     snprintf(line, sizeof line, "Connect %s", connector != NULL ? connector : "(null)");
-    standinLock();
-    int32_t code = standinCalledLocked("Connect", line);
-    if (code == 0) code = nextHandle++;
-    standinUnlock();
-    return code;
+    return standinOpen("Connect", line);
 }
 
 TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Disconnect(int32_t portHandle)
 {
-    char line[64];
-    snprintf(line, sizeof line, "Disconnect %d", portHandle);
-    return standinCalled("Disconnect", line);
+    return standinHandleCall("Disconnect", portHandle);
 }
 
 TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Transmit(int32_t portHandle, const uint8_t* data, size_t length)
 {
-    char line[64];
     (void)data;
-    snprintf(line, sizeof line, "Transmit %d %zu", portHandle, length);
-    return standinTransmit(line);
+    return standinTransmitOn(portHandle, (long long)length);
 }
 
 TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Receive(int32_t portHandle, uint8_t* buffer, size_t size)
 {
-    char line[64];
-    snprintf(line, sizeof line, "Receive %d %zu", portHandle, size);
-    return standinReceive(buffer, clampedSize(size), 1, TOO_LONG_CODE, TOVRA_PLI_TIMEOUT, line);
+    return standinReceiveWhole(portHandle, buffer, clampedSize(size), TOO_LONG_CODE, TOVRA_PLI_TIMEOUT);
 }
 
 TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_PutPortParameter(int32_t portHandle, const char* key,

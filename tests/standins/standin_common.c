@@ -506,3 +506,35 @@ STANDIN_API int32_t STANDIN_Control(const char* command, char* reply, int32_t si
     standinUnlock();
     return 0;
 }
+
+static int32_t nextHandle = 7;
+
+int32_t standinOpen(const char* entry, const char* line)
+{
+    standinLock();
+    int32_t code = standinCalledLocked(entry, line);
+    if (code == 0) code = nextHandle++;
+    standinUnlock();
+    return code;
+}
+
+int32_t standinHandleCall(const char* entry, int32_t handle)
+{
+    char line[96];
+    snprintf(line, sizeof line, "%s %d", entry, handle);
+    return standinCalled(entry, line);
+}
+
+int32_t standinTransmitOn(int32_t handle, long long length)
+{
+    char line[64];
+    snprintf(line, sizeof line, "Transmit %d %lld", handle, length);
+    return standinTransmit(line);
+}
+
+int32_t standinReceiveWhole(int32_t handle, uint8_t* buffer, int32_t size, int32_t tooLongCode, int32_t timeoutCode)
+{
+    char line[64];
+    snprintf(line, sizeof line, "Receive %d %d", handle, size);
+    return standinReceive(buffer, size, 1, tooLongCode, timeoutCode, line);
+}

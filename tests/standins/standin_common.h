@@ -65,6 +65,15 @@ int32_t standinTransmit(const char* line);
 int32_t standinReceive(uint8_t* buffer, int32_t size, int whole, int32_t tooLongCode, int32_t timeoutCode,
                        const char* line);
 
+/* The calls most entry points are: an open hands out the next port handle (7, 8, ...)
+   unless a failure is due; a call on a handle records "ENTRY HANDLE"; a transmit records
+   "Transmit HANDLE LENGTH"; a receive of whole frames records "Receive HANDLE SIZE" when
+   it hands one out. */
+int32_t standinOpen(const char* entry, const char* line);
+int32_t standinHandleCall(const char* entry, int32_t handle);
+int32_t standinTransmitOn(int32_t handle, long long length);
+int32_t standinReceiveWhole(int32_t handle, uint8_t* buffer, int32_t size, int32_t tooLongCode, int32_t timeoutCode);
+
 /* Hex digits to a number; 0 when `text` is not just 1 to 8 hex digits. */
 int standinParseHex(const char* text, uint32_t* value);
 /* The text of `code` for libraries that hand out a pointer rather than fill a buffer;

@@ -30,16 +30,6 @@ static void* callbackContext;
 static int storming;
 static Event stormEvent;
 
-static int32_t nextHandle = 7;
-
-static int32_t openConnection(const char* entry, const char* line)
-{
-    standinLock();
-    int32_t code = standinCalledLocked(entry, line);
-    if (code == 0) code = nextHandle++;
-    standinUnlock();
-    return code;
-}
 
 STANDIN_API const char* ZKBLE_CALL ZKBLE_GetVersion(void) { return standinVersion(); }
 
@@ -49,37 +39,31 @@ STANDIN_API int32_t ZKBLE_CALL ZKBLE_Connect(const char* macAddress)
 {
     char line[96];
     snprintf(line, sizeof line, "Connect %s", macAddress != NULL ? macAddress : "(null)");
-    return openConnection("Connect", line);
+    return standinOpen("Connect", line);
 }
 
 STANDIN_API int32_t ZKBLE_CALL ZKBLE_ConnectSpp(const char* macAddress, bool secure)
 {
     char line[96];
     snprintf(line, sizeof line, "ConnectSpp %s %d", macAddress != NULL ? macAddress : "(null)", secure ? 1 : 0);
-    return openConnection("ConnectSpp", line);
+    return standinOpen("ConnectSpp", line);
 }
 
 STANDIN_API int32_t ZKBLE_CALL ZKBLE_Disconnect(int32_t handle)
 {
-    char line[64];
-    snprintf(line, sizeof line, "Disconnect %d", handle);
-    return standinCalled("Disconnect", line);
+    return standinHandleCall("Disconnect", handle);
 }
 
 STANDIN_API int32_t ZKBLE_CALL ZKBLE_Transmit(int32_t handle, const uint8_t* data, int32_t length)
 {
-    char line[64];
     (void)data;
-    snprintf(line, sizeof line, "Transmit %d %d", handle, length);
-    return standinTransmit(line);
+    return standinTransmitOn(handle, length);
 }
 
 /* Whole frames; one longer than the buffer is dropped with an error. */
 STANDIN_API int32_t ZKBLE_CALL ZKBLE_Receive(int32_t handle, uint8_t* buffer, int32_t size)
 {
-    char line[64];
-    snprintf(line, sizeof line, "Receive %d %d", handle, size);
-    return standinReceive(buffer, size, 1, TOO_LONG_CODE, 0, line);
+    return standinReceiveWhole(handle, buffer, size, TOO_LONG_CODE, 0);
 }
 
 STANDIN_API int32_t ZKBLE_CALL ZKBLE_PutParameter(int32_t handle, const char* key, const char* value)

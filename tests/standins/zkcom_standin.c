@@ -13,7 +13,6 @@
 #define TOO_LONG_CODE (-1012)
 
 const char standinDefaultVersion[] = "5.0.0";
-static int32_t nextHandle = 7;
 static int presentPorts[256];
 
 STANDIN_API const char* ZKCOM_CALL ZKCOM_GetDLLVersion(void) { return standinVersion(); }
@@ -29,26 +28,18 @@ STANDIN_API int32_t ZKCOM_CALL ZKCOM_OpenPort(const char* port)
 {
     char line[128];
     snprintf(line, sizeof line, "OpenPort %s", port != NULL ? port : "(null)");
-    standinLock();
-    int32_t code = standinCalledLocked("OpenPort", line);
-    if (code == 0) code = nextHandle++;
-    standinUnlock();
-    return code;
+    return standinOpen("OpenPort", line);
 }
 
 STANDIN_API int32_t ZKCOM_CALL ZKCOM_ClosePort(int32_t handle)
 {
-    char line[64];
-    snprintf(line, sizeof line, "ClosePort %d", handle);
-    return standinCalled("ClosePort", line);
+    return standinHandleCall("ClosePort", handle);
 }
 
 STANDIN_API int32_t ZKCOM_CALL ZKCOM_Transmit(int32_t handle, const uint8_t* data, int32_t length)
 {
-    char line[64];
     (void)data;
-    snprintf(line, sizeof line, "Transmit %d %d", handle, length);
-    return standinTransmit(line);
+    return standinTransmitOn(handle, length);
 }
 
 /* Whole frames; one longer than the buffer is dropped with an error. Receives are not

@@ -37,7 +37,6 @@ static int32_t stormType;
 static uint32_t stormId;
 static char stormName[64];
 
-static int32_t nextHandle = 7;
 
 static int queueEvent(int32_t type, uint32_t id, const char* name)
 {
@@ -112,34 +111,24 @@ STANDIN_API int32_t ZKUSB2_CALL ZKUSB2_OpenDevice(uint32_t deviceId)
 {
     char line[64];
     snprintf(line, sizeof line, "OpenDevice %08X", deviceId);
-    standinLock();
-    int32_t code = standinCalledLocked("OpenDevice", line);
-    if (code == 0) code = nextHandle++;
-    standinUnlock();
-    return code;
+    return standinOpen("OpenDevice", line);
 }
 
 STANDIN_API int32_t ZKUSB2_CALL ZKUSB2_CloseDevice(int32_t handle)
 {
-    char line[64];
-    snprintf(line, sizeof line, "CloseDevice %d", handle);
-    return standinCalled("CloseDevice", line);
+    return standinHandleCall("CloseDevice", handle);
 }
 
 STANDIN_API int32_t ZKUSB2_CALL ZKUSB2_Transmit(int32_t handle, const uint8_t* data, int32_t length)
 {
-    char line[64];
     (void)data;
-    snprintf(line, sizeof line, "Transmit %d %d", handle, length);
-    return standinTransmit(line);
+    return standinTransmitOn(handle, length);
 }
 
 /* Whole frames; one longer than the buffer is dropped with an error. */
 STANDIN_API int32_t ZKUSB2_CALL ZKUSB2_Receive(int32_t handle, uint8_t* buffer, int32_t size)
 {
-    char line[64];
-    snprintf(line, sizeof line, "Receive %d %d", handle, size);
-    return standinReceive(buffer, size, 1, TOO_LONG_CODE, 0, line);
+    return standinReceiveWhole(handle, buffer, size, TOO_LONG_CODE, 0);
 }
 
 STANDIN_API int32_t ZKUSB2_CALL ZKUSB2_GetParameter(int32_t handle, const char* key, char* value, int32_t size)

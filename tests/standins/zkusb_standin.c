@@ -54,7 +54,6 @@ static int32_t stormEvent;
 static uint32_t stormId;
 static char stormName[64];
 
-static int32_t nextHandle = 7;
 
 STANDIN_API const char* ZKUSB_CALL ZKUSB_GetDLLVersion(void) { return standinVersion(); }
 
@@ -69,18 +68,12 @@ STANDIN_API int32_t ZKUSB_CALL ZKUSB_OpenDevice(uint32_t deviceId)
 {
     char line[64];
     snprintf(line, sizeof line, "OpenDevice %08X", deviceId);
-    standinLock();
-    int32_t code = standinCalledLocked("OpenDevice", line);
-    if (code == 0) code = nextHandle++;
-    standinUnlock();
-    return code;
+    return standinOpen("OpenDevice", line);
 }
 
 STANDIN_API int32_t ZKUSB_CALL ZKUSB_CloseDevice(int32_t handle)
 {
-    char line[64];
-    snprintf(line, sizeof line, "CloseDevice %d", handle);
-    return standinCalled("CloseDevice", line);
+    return standinHandleCall("CloseDevice", handle);
 }
 
 STANDIN_API int32_t ZKUSB_CALL ZKUSB_Transmit(int32_t handle, const char* interfaceName, const uint8_t* data,

@@ -2,6 +2,7 @@
 
 #include "platform/dynlib.h"
 #include "protocol/protocol_frame.h"
+#include "tovra/tovra.h"
 
 #include <cstdint>
 #include <sstream>
@@ -78,6 +79,20 @@ inline std::string responseHex(const std::vector<std::uint8_t>& payload)
     ProtocolFrame frame;
     buildFrame(frame, payload.data(), payload.size(), 3, kDirectionResponse, 0xFF);
     return hexOf(frame.bytes.data(), frame.usedLength());
+}
+
+// One exchange through a connected reader that the stand-in answers with a scripted reply
+// (none for an empty payload): 0 and the response payload, or the failure.
+inline std::int32_t scriptedExchange(std::int32_t reader, StandIn& stub, const std::vector<std::uint8_t>& request,
+                                     const std::vector<std::uint8_t>& responsePayload,
+                                     std::vector<std::uint8_t>& response)
+{
+    if (!responsePayload.empty()) stub.control("reply " + responseHex(responsePayload));
+    response.assign(64, 0);
+    std::uint64_t length = response.size();
+    const std::int32_t result = TOVRA_Transceive(reader, request.data(), request.size(), response.data(), &length);
+    response.resize(result == 0 ? static_cast<std::size_t>(length) : 0);
+    return result;
 }
 
 } // namespace tovra::test
