@@ -46,7 +46,7 @@ echo "== fuzz: build"
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$jobs"
 fuzz_seconds=${TOVRA_FUZZ_SECONDS:-20}
-for target in frame_fuzz parameter_fuzz tcp_receive_fuzz serial_frame_fuzz; do
+for target in frame_fuzz parameter_fuzz tcp_receive_fuzz serial_frame_fuzz zkudp_datagram_fuzz; do
   corpus=$(mktemp -d)
   cp fuzz/corpus/"${target%_fuzz}"/* "$corpus"/
   echo "== fuzz: $target for ${fuzz_seconds}s"

@@ -74,6 +74,22 @@ TOVRA_API const char* TOVRA_CALL TOVRA_UsbManagerScanInfo(int32_t index);
    the same rules for the stop. */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_BleManagerStartDiscover(void* userContext, TOVRA_DiscoveryCallback callback);
 TOVRA_API int32_t     TOVRA_CALL TOVRA_BleManagerStopDiscover(void);
+/* Readers on the network, through UDP. The callback (kept across starts) gets event 1 for
+   a reader that answers, or whose answer changed, and 2 for one that stopped answering,
+   on the discovery thread; the line, with "UDP" replaced by "tcp", connects to the reader:
+     UDP:ReaderType="...":DeviceId=<8 hex>:MacAddress="...":IpAddress="...":Netmask="...":
+         Gateway="...":Dhcp=<0|1>:Port=<tcp port>
+   The target is "address=<IPv4, default 255.255.255.255>:port=<default 10002>:
+   lost=<silent rounds before a reader counts as gone, default 3>:bind=<local IPv4>", every
+   key optional; an interval of 0 means 1000 ms. A second start gives -5032; a stop or a
+   set-up while discovery does not run -5033. A stop from inside the callback is refused
+   (-5032). After the stop returns the callback is not called again. The set-up text names
+   the reader by MacAddress="..." and gives any of IpAddress, Netmask, Gateway, Dhcp and
+   Port; it waits about a second for the reader's answer and returns its result. */
+TOVRA_API int32_t     TOVRA_CALL TOVRA_UdpManagerSetEventCallback(void* userContext, TOVRA_DiscoveryCallback callback);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_UdpManagerStartDiscover(uint32_t intervalMs, const char* target);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_UdpManagerStopDiscover(void);
+TOVRA_API int32_t     TOVRA_CALL TOVRA_UdpManagerSetup(const char* setupText, uint8_t flags);
 
 /* Logging. The last two take effect only before the first reader object is created. */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_SetAppLoggingCallback(int32_t readerHandle, void* userContext,

@@ -5,6 +5,7 @@
 #include "api/guarded.h"
 #include "devlibs/zkble_manager.h"
 #include "devlibs/zkcom_manager.h"
+#include "devlibs/zkudp_manager.h"
 #include "devlibs/zkusb_manager.h"
 #include "tovra/tovra.h"
 
@@ -14,6 +15,7 @@ namespace {
 constexpr std::int32_t kUsbManager = -1;
 constexpr std::int32_t kBleManager = -2;
 constexpr std::int32_t kComManager = -3;
+constexpr std::int32_t kUdpManager = -4;
 
 } // namespace
 
@@ -23,6 +25,7 @@ std::int32_t managerLastError(std::int32_t handle)
     case kUsbManager: return ZkusbManager::instance().lastError();
     case kBleManager: return ZkbleManager::instance().lastError();
     case kComManager: return ZkcomManager::instance().lastError();
+    case kUdpManager: return ZkudpManager::instance().lastError();
     default: return err::Ok;
     }
 }
@@ -33,6 +36,7 @@ const char* managerLastErrorText(std::int32_t handle)
     case kUsbManager: return ZkusbManager::instance().lastErrorText();
     case kBleManager: return ZkbleManager::instance().lastErrorText();
     case kComManager: return ZkcomManager::instance().lastErrorText();
+    case kUdpManager: return ZkudpManager::instance().lastErrorText();
     default: return "";
     }
 }
@@ -73,6 +77,29 @@ TOVRA_API std::int32_t TOVRA_CALL TOVRA_BleManagerStartDiscover(void* userContex
 TOVRA_API std::int32_t TOVRA_CALL TOVRA_BleManagerStopDiscover()
 {
     return tovra::guarded(tovra::err::CannotLoadPlugin, [] { return tovra::ZkbleManager::instance().stopDiscover(); });
+}
+
+TOVRA_API std::int32_t TOVRA_CALL TOVRA_UdpManagerSetEventCallback(void* userContext, TOVRA_DiscoveryCallback callback)
+{
+    return tovra::guarded(tovra::err::CannotLoadPlugin,
+                          [&] { return tovra::ZkudpManager::instance().setEventCallback(userContext, callback); });
+}
+
+TOVRA_API std::int32_t TOVRA_CALL TOVRA_UdpManagerStartDiscover(std::uint32_t intervalMs, const char* target)
+{
+    return tovra::guarded(tovra::err::CannotLoadPlugin,
+                          [&] { return tovra::ZkudpManager::instance().startDiscover(intervalMs, target); });
+}
+
+TOVRA_API std::int32_t TOVRA_CALL TOVRA_UdpManagerStopDiscover()
+{
+    return tovra::guarded(tovra::err::CannotLoadPlugin, [] { return tovra::ZkudpManager::instance().stopDiscover(); });
+}
+
+TOVRA_API std::int32_t TOVRA_CALL TOVRA_UdpManagerSetup(const char* setupText, std::uint8_t flags)
+{
+    return tovra::guarded(tovra::err::CannotLoadPlugin,
+                          [&] { return tovra::ZkudpManager::instance().setup(setupText, flags); });
 }
 
 } // extern "C"

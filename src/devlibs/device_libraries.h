@@ -5,6 +5,8 @@
 #include "devlibs/device_library.h"
 #include "tovra/device/zkble.h"
 #include "tovra/device/zkcom.h"
+#include "tovra/device/zkgadget.h"
+#include "tovra/device/zkudp.h"
 #include "tovra/device/zkusb.h"
 #include "tovra/device/zkusb2.h"
 
@@ -91,12 +93,31 @@ public:
     std::string errorText(std::int32_t code) const { return textOf(entry<ZKBLE_GetErrorText_t>(1)(code)); }
 };
 
+// The UDP discovery library.
+class ZkudpLibrary : public DeviceLibrary {
+public:
+    ZkudpLibrary() : DeviceLibrary(kZkudpLibrary) {}
+
+    ZKUDP_Discover_t discover() const { return entry<ZKUDP_Discover_t>(2); }
+    ZKUDP_Setup_t setup() const { return entry<ZKUDP_Setup_t>(3); }
+
+    std::string errorText(std::int32_t code) const { return textOf(entry<ZKUDP_GetErrorText_t>(1)(code)); }
+};
+
 // The gadget library: one for the process, made on first use; it never loads where the
 // system has no gadget library.
 class ZkgadgetLibrary : public DeviceLibrary {
 public:
     ZkgadgetLibrary() : DeviceLibrary(kZkgadgetLibrary) {}
     static ZkgadgetLibrary& process();
+
+    ZKGADGET_StartGadget_t startGadget() const { return entry<ZKGADGET_StartGadget_t>(2); }
+    ZKGADGET_StopGadget_t stopGadget() const { return entry<ZKGADGET_StopGadget_t>(3); }
+    ZKGADGET_GetStatus_t getStatus() const { return entry<ZKGADGET_GetStatus_t>(4); }
+    ZKGADGET_Transmit_t transmit() const { return entry<ZKGADGET_Transmit_t>(5); }
+    ZKGADGET_Receive_t receive() const { return entry<ZKGADGET_Receive_t>(6); }
+
+    std::string errorText(std::int32_t code) const { return textOf(entry<ZKGADGET_GetErrorText_t>(1)(code)); }
 };
 
 } // namespace tovra

@@ -28,6 +28,13 @@ bool DiscoveryDelivery::isSet() const
     return callback_ != nullptr;
 }
 
+bool DiscoveryDelivery::deliveringHere() const
+{
+    const std::thread::id self = std::this_thread::get_id();
+    std::lock_guard guard(lock_);
+    return std::find(running_.begin(), running_.end(), self) != running_.end();
+}
+
 bool DiscoveryDelivery::deliver(std::int32_t event, const char* line)
 {
     const std::thread::id self = std::this_thread::get_id();

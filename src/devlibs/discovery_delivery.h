@@ -19,6 +19,8 @@ public:
     void set(void* context, TOVRA_DiscoveryCallback callback);
     void clear();
     bool isSet() const;
+    // True inside the callback, on its thread.
+    bool deliveringHere() const;
     // Calls the callback, unless none is set; false then.
     bool deliver(std::int32_t event, const char* line);
 

@@ -74,6 +74,10 @@ std::ptrdiff_t sendBytes(SocketHandle socket, const void* data, std::size_t leng
 std::ptrdiff_t recvBytes(SocketHandle socket, void* buffer, std::size_t length);
 std::ptrdiff_t sendDatagram(SocketHandle socket, const void* data, std::size_t length,
                             const SocketAddress& to);
+// Receives one datagram; its sender's address goes to `from`. Byte count, or -1 on
+// failure. A datagram longer than the buffer is lost beyond it: Linux returns the part
+// that fits, Windows fails with WSAEMSGSIZE.
+std::ptrdiff_t recvDatagram(SocketHandle socket, void* buffer, std::size_t length, SocketAddress& from);
 // Bytes that can be read without waiting (FIONREAD), or -1 on failure.
 long availableBytes(SocketHandle socket);
 

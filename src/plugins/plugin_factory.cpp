@@ -5,9 +5,9 @@
 #include "plugins/tovra_plugin_ble.h"
 #include "plugins/tovra_plugin_com.h"
 #include "plugins/tovra_plugin_cust.h"
+#include "plugins/tovra_plugin_gadget.h"
 #include "plugins/tovra_plugin_tcp.h"
 #include "plugins/tovra_plugin_usb.h"
-#include "plugins/unavailable_transport.h"
 #include "reader/connector.h"
 
 #include <array>
@@ -31,21 +31,6 @@ std::unique_ptr<TovraListener> makeListener(ConnectionRecord& owner)
     return std::make_unique<Listener>(&owner);
 }
 
-constexpr char kGadgetName[] = "GADGET";
-
-// A transport this build does not have yet.
-template <std::int32_t kind, const char* name>
-std::unique_ptr<TovraPlugin> unavailable(ConnectionRecord& owner)
-{
-    return std::make_unique<TovraPluginUnavailable>(&owner, kind, name);
-}
-
-template <std::int32_t kind>
-std::unique_ptr<TovraListener> unavailableListener(ConnectionRecord& owner)
-{
-    return std::make_unique<TovraListenerUnavailable>(&owner, kind);
-}
-
 // One row per transport: the section name of its connector texts, its type, and how its
 // plugin and (if readers can connect over it) its listener are made.
 struct Transport {
@@ -64,7 +49,7 @@ constexpr std::array kTransports = {
     // No section name gives this type; the factory still takes it.
     Transport{"", kConnectorBle5, make<TovraPluginBle>, nullptr},
     Transport{"cust", kConnectorCust, make<TovraPluginCust>, nullptr},
-    Transport{"gadget", kConnectorGadget, unavailable<kConnectorGadget, kGadgetName>, unavailableListener<kConnectorGadget>},
+    Transport{"gadget", kConnectorGadget, make<TovraPluginGadget>, makeListener<TovraListenerGadget>},
 };
 
 const Transport* transportOfType(std::int32_t type)

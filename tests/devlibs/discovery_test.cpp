@@ -2,6 +2,7 @@
 // from threads of their own. A manager keeps the library it loaded first for the life of
 // the process: each suite runs in a process of its own.
 #include "devlibs/zkusb_manager.h"
+#include "support/discovery_events.h"
 #include "support/repeat.h"
 #include "support/standin.h"
 #include "support/wait.h"
@@ -19,42 +20,11 @@
 namespace tovra {
 namespace {
 
+using test::Heard;
+using test::onDiscovery;
 using test::StandIn;
 using test::waitUntil;
 using namespace std::chrono_literals;
-
-// What a discovery callback was told, and on which threads.
-struct Heard {
-    std::mutex lock;
-    std::vector<std::pair<std::int32_t, std::string>> events;
-    std::vector<std::thread::id> threads;
-    std::atomic<int> count{0};
-    // Set once a stop has returned: a delivery that still comes is counted here.
-    std::atomic<bool> stopped{false};
-    std::atomic<int> afterStop{0};
-    // A stop asked for from inside the callback, and what it answered.
-    std::int32_t (*stopInside)() = nullptr;
-    std::atomic<std::int32_t> stopResult{1};
-
-    std::vector<std::pair<std::int32_t, std::string>> taken()
-    {
-        std::lock_guard guard(lock);
-        return events;
-    }
-};
-
-void TOVRA_CALL onDiscovery(void* context, std::int32_t event, const char* line)
-{
-    Heard& heard = *static_cast<Heard*>(context);
-    if (heard.stopped) ++heard.afterStop;
-    {
-        std::lock_guard guard(heard.lock);
-        heard.events.emplace_back(event, line != nullptr ? line : "(null)");
-        heard.threads.push_back(std::this_thread::get_id());
-    }
-    ++heard.count;
-    if (auto stop = std::exchange(heard.stopInside, nullptr)) heard.stopResult = stop();
-}
 
 // Events poured in as fast as the stand-in can while discovery stops: nothing arrives
 // after a stop returns, whichever moment it hits.

@@ -94,8 +94,6 @@ TEST_F(Record, FactoryAndConnectorReplacement)
     EXPECT_EQ(record.connector(), "BTHSPP:x=1");
     EXPECT_EQ(record.createPlugin("gadget:"), 0);
     EXPECT_EQ(record.plugin()->kind(), kConnectorGadget);
-    // Transports still to come say so.
-    EXPECT_EQ(record.plugin()->pliConnect("gadget:"), err::NotImplemented);
 
     EXPECT_EQ(record.createListener(nullptr), err::ListenerParameter);
     EXPECT_EQ(record.createListener("usb:"), err::InvalidListenerType);

@@ -1,12 +1,15 @@
 // tovra-demo: connects to a simulated reader on loopback and shows the library's main use:
 // request/response exchanges, a time-out, a request of the reader answered by the
-// application, and the disconnect.
+// application, the disconnect, a reader that connects to the host, and finding a reader
+// through UDP discovery.
 #include "api/error_texts.h"
 #include "readersim/reader_sim.h"
+#include "readersim/udp_responder.h"
 #include "tovra/tovra.h"
 
 #include <atomic>
 #include <cstdio>
+#include <mutex>
 #include <thread>
 #include <string>
 #include <vector>
@@ -16,6 +19,8 @@ namespace {
 using namespace std::chrono_literals;
 using tovra::readersim::ReaderSim;
 using tovra::readersim::Reply;
+using tovra::readersim::SimulatedReader;
+using tovra::readersim::UdpResponder;
 using Bytes = std::vector<std::uint8_t>;
 
 void TOVRA_CALL onConnected(std::int32_t reader, void*, const char* connection)
@@ -67,6 +72,62 @@ std::int32_t TOVRA_CALL onReaderRequest(std::int32_t reader, void* context, cons
     *response = answer->data();
     *responseLength = answer->size();
     return 0;
+}
+
+// Discovery lines, one per reader that answers; the first one is kept.
+struct Found {
+    std::mutex lock;
+    std::string line;
+};
+
+void TOVRA_CALL onFound(void* context, std::int32_t event, const char* line)
+{
+    auto& found = *static_cast<Found*>(context);
+    std::printf("  event %d: %s\n", event, line);
+    std::lock_guard guard(found.lock);
+    if (event == 1 && found.line.empty()) found.line = line;
+}
+
+// The simulator answers discovery on a loopback UDP port for the reader it simulates.
+bool discoverAndConnect(ReaderSim& sim)
+{
+    UdpResponder responder;
+    SimulatedReader simulated;
+    simulated.macAddress = "02:00:00:00:00:01";
+    simulated.deviceId = "00A1B2C3";
+    simulated.port = sim.port();
+    responder.setReader(simulated);
+    if (!responder.start()) {
+        std::printf("  cannot start the discovery responder\n");
+        return false;
+    }
+    Found found;
+    TOVRA_UdpManagerSetEventCallback(&found, onFound);
+    const std::string target = "address=127.0.0.1:port=" + std::to_string(responder.port());
+    std::printf("  discover: %s\n", target.c_str());
+    if (TOVRA_UdpManagerStartDiscover(200, target.c_str()) != 0) {
+        std::printf("  !! %s\n", TOVRA_GetLastErrorText(-4));
+        return false;
+    }
+    std::string line;
+    for (int i = 0; i < 500 && line.empty(); ++i) {
+        std::this_thread::sleep_for(10ms);
+        std::lock_guard guard(found.lock);
+        line = found.line;
+    }
+    TOVRA_UdpManagerStopDiscover();
+    if (line.rfind("UDP:", 0) != 0) {
+        std::printf("  !! no reader answered\n");
+        return false;
+    }
+    const std::string connector = "tcp" + line.substr(3);
+    const std::int32_t reader = TOVRA_Create(2, nullptr);
+    std::printf("  connect:  %s\n", connector.c_str());
+    const bool connected = TOVRA_ConnectByHost(reader, connector.c_str()) == 0;
+    if (connected) exchange(reader, {0x65, 0x00}, "read");
+    else std::printf("  !! %s\n", TOVRA_GetLastErrorText(reader));
+    TOVRA_Delete(reader);
+    return connected;
 }
 
 } // namespace
@@ -140,5 +201,7 @@ int main()
     }
     TOVRA_StopListener(host);
     TOVRA_Delete(host);
-    return 0;
+
+    std::printf("\n7. Finding the reader on the network, then connecting to it from the line found\n");
+    return discoverAndConnect(sim) ? 0 : 1;
 }

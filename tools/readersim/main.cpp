@@ -1,6 +1,7 @@
 // tovra-readersim: a simulated reader on loopback TCP or a pseudo-terminal, driven
 // from the command line.
 #include "readersim/reader_sim.h"
+#include "readersim/udp_responder.h"
 
 #include <chrono>
 #include <cstdio>
@@ -19,6 +20,9 @@ const char* const kUsage =
     "usage: tovra-readersim [options]\n"
     "  --port N              listen on 127.0.0.1:N (default 0: the system chooses)\n"
     "  --ipv6                listen on [::1] instead\n"
+    "  --udp N               also answer network discovery on UDP port N of 127.0.0.1\n"
+    "                        (0: the system chooses), announcing the listening reader\n"
+    "  --udp-any             answer discovery on every local address (broadcasts too)\n"
     "  --connect HOST:PORT   connect to a listening host instead (127.0.0.1:N, [::1]:N)\n"
     "  --pty LINE            serve a pseudo-terminal instead, answering only at LINE\n"
     "                        (9600:8E1, \"9600 8E1\"); prints the port's path first\n"
@@ -131,8 +135,9 @@ int usageError(const std::string& message) {
 int main(int argc, char** argv) {
     std::mutex printing;  // outlives the simulator, which prints through it
     ReaderSim sim;
-    bool verbose = false, untilEof = false, ipv6 = false;
+    bool verbose = false, untilEof = false, ipv6 = false, udpAny = false;
     unsigned long port = 0;
+    std::optional<unsigned long> udpPort;
     std::string connectTo;
     std::optional<LineSettings> pty;
     std::optional<Fault> fault;
@@ -156,6 +161,11 @@ int main(int argc, char** argv) {
             const auto n = needsValue() ? number(value) : std::nullopt;
             if (!n || *n > 65535) return usageError("--port needs a number from 0 to 65535");
             port = *n;
+        } else if (option == "--udp") {
+            udpPort = needsValue() ? number(value) : std::nullopt;
+            if (!udpPort || *udpPort > 65535) return usageError("--udp needs a number from 0 to 65535");
+        } else if (option == "--udp-any") {
+            udpAny = true;
         } else if (option == "--connect") {
             if (!needsValue()) return usageError("--connect needs HOST:PORT");
             connectTo = value;
@@ -183,6 +193,11 @@ int main(int argc, char** argv) {
     if (pty && (!connectTo.empty() || port != 0 || ipv6)) {
         return usageError("--pty does not go with --connect, --port or --ipv6");
     }
+    // Announces carry IPv4 addresses: the reader announced must listen on 127.0.0.1.
+    if ((udpPort || udpAny) && (pty || !connectTo.empty() || ipv6)) {
+        return usageError("--udp announces a reader listening on 127.0.0.1: not with --pty, --connect or --ipv6");
+    }
+    if (udpAny && !udpPort) return usageError("--udp-any goes with --udp");
     if (fault) {
         if (faultCount) fault->count = static_cast<int>(*faultCount);
         sim.setFault(*fault);
@@ -215,6 +230,20 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    // The reader announced is the one listening; a set-up changes what it announces only.
+    UdpResponder responder;
+    if (udpPort) {
+        SimulatedReader reader;
+        reader.macAddress = "02:00:00:00:00:01";
+        reader.port = sim.port();
+        responder.setReader(reader);
+        responder.setLog(print);
+        if (!responder.start(static_cast<std::uint16_t>(*udpPort), udpAny)) {
+            std::fprintf(stderr, "tovra-readersim: cannot answer discovery on UDP port %lu\n", *udpPort);
+            return 1;
+        }
+    }
+
     // A closed pty does not come back under the same path: its end is the end, as a client's.
     if (!connectTo.empty() || (pty && !untilEof)) {
         while (!sim.waitForDisconnect(std::chrono::hours(1))) {
@@ -225,6 +254,7 @@ int main(int argc, char** argv) {
     } else {
         for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
     }
+    responder.stop();
     sim.stop();
     return 0;
 }

@@ -157,6 +157,21 @@ std::ptrdiff_t sendDatagram(SocketHandle socket, const void* data, std::size_t l
     return r;
 }
 
+std::ptrdiff_t recvDatagram(SocketHandle socket, void* buffer, std::size_t length, SocketAddress& from) {
+    sockaddr_storage storage{};
+    socklen_t size = sizeof storage;
+    ssize_t r;
+    do {
+        r = ::recvfrom(fd(socket), buffer, static_cast<std::size_t>(clampLength(length)), 0,
+                       reinterpret_cast<sockaddr*>(&storage), &size);
+    } while (r < 0 && errno == EINTR);
+    if (r >= 0) {
+        clearAddress(from);
+        std::memcpy(from.storage, &storage, sizeof storage);
+    }
+    return r;
+}
+
 long availableBytes(SocketHandle socket) {
     int count = 0;
     return ::ioctl(fd(socket), FIONREAD, &count) == 0 ? count : -1;

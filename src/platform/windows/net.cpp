@@ -155,6 +155,17 @@ std::ptrdiff_t sendDatagram(SocketHandle socket, const void* data, std::size_t l
     return r == SOCKET_ERROR ? -1 : r;
 }
 
+std::ptrdiff_t recvDatagram(SocketHandle socket, void* buffer, std::size_t length, SocketAddress& from) {
+    SOCKADDR_STORAGE storage{};
+    int size = sizeof storage;
+    const int r = ::recvfrom(sock(socket), static_cast<char*>(buffer), clampLength(length), 0,
+                             reinterpret_cast<sockaddr*>(&storage), &size);
+    if (r == SOCKET_ERROR) return -1;
+    clearAddress(from);
+    std::memcpy(from.storage, &storage, sizeof storage);
+    return r;
+}
+
 long availableBytes(SocketHandle socket) {
     u_long count = 0;
     if (::ioctlsocket(sock(socket), FIONREAD, &count) != 0) return -1;
