@@ -102,25 +102,31 @@ TEST_F(UdpDiscovery, ReadersAreFoundSetUpAndLost)
     EXPECT_EQ(TOVRA_UdpManagerSetup(setupText(kFirst, ":Port=10006").c_str(), 0), -5033);
 }
 
-TEST_F(UdpDiscovery, TheLineWithTcpForUdpConnects)
+TEST_F(UdpDiscovery, TheLineWithTcpForUdpConnectsBeforeAndAfterASetUp)
 {
-    ReaderSim sim;
-    ASSERT_TRUE(sim.listen());
-    responder.setReader(simulated(kFirst, sim.port()));
+    ReaderSim before, after;
+    ASSERT_TRUE(before.listen());
+    ASSERT_TRUE(after.listen());
+    responder.setReader(simulated(kFirst, before.port()));
     ASSERT_EQ(TOVRA_UdpManagerStartDiscover(50, target.c_str()), 0);
-    ASSERT_TRUE(waitUntil([&] { return heard.count >= 1; }));
-    const std::string line = heard.lineWith(1, kFirst);
-    ASSERT_EQ(line.rfind("UDP:", 0), 0u) << line;
-    const std::string connector = "tcp" + line.substr(3);
-
-    const std::int32_t reader = TOVRA_Create(2, nullptr);
-    ASSERT_EQ(TOVRA_ConnectByHost(reader, connector.c_str()), 0) << TOVRA_GetLastErrorText(reader);
-    const std::uint8_t request[] = {0x10, 0xAB};
-    std::uint8_t response[16];
-    std::uint64_t length = sizeof response;
-    EXPECT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), 0);
-    EXPECT_EQ(length, 3u);
-    EXPECT_EQ(TOVRA_Delete(reader), 0);
+    const auto connectsThrough = [&](const std::string& portKey) {
+        std::string line;
+        EXPECT_TRUE(waitUntil([&] { return !(line = heard.lineWith(1, portKey)).empty(); })) << portKey;
+        EXPECT_EQ(line.rfind("UDP:", 0), 0u) << line;
+        const std::int32_t reader = TOVRA_Create(2, nullptr);
+        EXPECT_EQ(TOVRA_ConnectByHost(reader, ("tcp" + line.substr(3)).c_str()), 0) << TOVRA_GetLastErrorText(reader);
+        const std::uint8_t request[] = {0x10, 0xAB};
+        std::uint8_t response[16];
+        std::uint64_t length = sizeof response;
+        EXPECT_EQ(TOVRA_Transceive(reader, request, sizeof request, response, &length), 0);
+        EXPECT_EQ(length, 3u);
+        EXPECT_EQ(TOVRA_Delete(reader), 0);
+    };
+    connectsThrough(":Port=" + std::to_string(before.port()));
+    // The reader moves to another port; the changed answer comes as event 1 again.
+    const std::string moved = ":Port=" + std::to_string(after.port());
+    ASSERT_EQ(TOVRA_UdpManagerSetup(setupText(kFirst, moved).c_str(), 0), 0) << TOVRA_GetLastErrorText(-4);
+    connectsThrough(moved);
 }
 
 TEST_F(UdpDiscovery, NothingArrivesAfterAStopReturns)
