@@ -132,6 +132,39 @@ void BM_AcceptToCallback(benchmark::State& state)
 }
 BENCHMARK(BM_AcceptToCallback)->UseRealTime()->Iterations(300);
 
+// TOVRA_StopListener of an idle listener, at varying moments of its worker's wait.
+void BM_StopListener(benchmark::State& state)
+{
+    std::uint16_t port = 0;
+    {
+        tovra::readersim::ReaderSim probe; // borrows a free loopback port
+        if (probe.listen()) port = probe.port();
+    }
+    const std::string listener = "tcp:IPAddress=127.0.0.1:Port=" + std::to_string(port);
+    std::vector<double> micros;
+    for (auto _ : state) {
+        state.PauseTiming();
+        const std::int32_t host = TOVRA_Create(static_cast<std::int32_t>(state.range(0)), nullptr);
+        if (TOVRA_StartListener(host, listener.c_str()) != 0) {
+            state.SkipWithError(TOVRA_GetLastErrorText(host));
+            TOVRA_Delete(host);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(micros.size() * 7 % 300));
+        state.ResumeTiming();
+        const auto start = Clock::now();
+        TOVRA_StopListener(host);
+        micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+        state.PauseTiming();
+        TOVRA_Delete(host);
+        state.ResumeTiming();
+    }
+    std::vector<double> sorted = micros;
+    report(state, micros);
+    if (!sorted.empty()) state.counters["max_us"] = *std::max_element(sorted.begin(), sorted.end());
+}
+BENCHMARK(BM_StopListener)->Arg(2)->Arg(3)->UseRealTime()->Iterations(60);
+
 } // namespace
 
 int main(int argc, char** argv)

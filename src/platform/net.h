@@ -90,6 +90,10 @@ inline constexpr int kWaitReadable = 1;
 inline constexpr int kWaitWritable = 2;
 inline constexpr int kWaitError = 4;
 int waitSocket(SocketHandle socket, bool readable, bool writable, int timeoutMs);
+// Waits until `socket` is readable (or failed: kWaitReadable | kWaitError) or `wake` is
+// readable (kWaitWoken): a thread that sleeps on its socket, and on a stop, at once.
+inline constexpr int kWaitWoken = 8;
+int waitReadableOrWoken(SocketHandle socket, SocketHandle wake, int timeoutMs);
 
 // --- Options (true on success) ---------------------------------------------
 bool setLinger(SocketHandle socket, bool on, int seconds);

@@ -9,5 +9,10 @@ char pathSeparator();
 const char* osName();
 // The base name of the USB gadget device library, "" where the system has none.
 const char* gadgetLibraryBaseName();
+// Sets how many descriptors the process may hold open (its soft limit), for tests of
+// running out of them; false where the system has no such limit or refuses.
+bool setOpenFileLimit(unsigned long count);
+// The descriptor the next open would get; 0 where this cannot be told.
+unsigned long lowestFreeDescriptor();
 
 }  // namespace tovra::platform

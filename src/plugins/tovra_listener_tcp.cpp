@@ -18,7 +18,7 @@ using logging::hex;
 constexpr std::uint32_t kTrace = logcat::Tcp;
 constexpr std::uint32_t kError = logcat::Error | logcat::Tcp;
 
-// How long one wait on the listen socket lasts: also the longest a stop waits for the worker.
+// How long one wait on the listen socket lasts; a stop wakes it at once.
 constexpr int kWaitMs = 300;
 constexpr auto kGateWait = std::chrono::milliseconds(100);
 constexpr auto kRetryPause = std::chrono::milliseconds(100);
@@ -131,11 +131,15 @@ try {
         TOVRA_LOG_ERROR(logger(), kError, "Set socket nonblocking failed: ", natError());
 
     TOVRA_LOG_TRACE(logger(), kTrace, "Listen socket=", s, " ", address, ":", port, " Backlog=", backlog_);
+    // Without it a stop still ends the worker, only after its current wait.
+    if (!waker_.open()) TOVRA_LOG_ERROR(logger(), kError, "Wake-up socket failed: ", natError());
     refusing_ = false;
+    acceptFailing_ = false;
     try {
         worker_.start(owner_->reader(), [this] { run(); });
     } catch (...) {
         TOVRA_LOG_ERROR(logger(), kError, "Listener thread not started");
+        waker_.close();
         closeListenSocket();
         return tcperr::ListenFailed;
     }
@@ -152,6 +156,7 @@ void TovraListenerTcp::stop()
 {
     if (!worker_.exists()) return;
     worker_.requestStop();
+    waker_.wake();
     // The worker cannot join itself: it ends on its own after the current request, and a
     // later stop joins it.
     if (worker_.isCurrent()) return;
@@ -179,6 +184,7 @@ void TovraListenerTcp::run()
             }
         }
     }
+    waker_.close();
     try {
         closeListenSocket();
         TOVRA_LOG_TRACE(logger(), kTrace, "TCP listener thread stopped");
@@ -192,11 +198,18 @@ void TovraListenerTcp::serveOne()
 {
     const platform::SocketHandle listenSocket = listenEndpoint_.socket();
     // Right after a refusal only a request that is already queued is taken at once.
-    const int ready = platform::waitSocket(listenSocket, true, false, refusing_ ? 0 : kWaitMs);
+    const int timeout = refusing_ ? 0 : kWaitMs;
+    const int ready = waker_.socket() != platform::kInvalidSocket
+                          ? platform::waitReadableOrWoken(listenSocket, waker_.socket(), timeout)
+                          : platform::waitSocket(listenSocket, true, false, timeout);
+    if (ready > 0 && (ready & platform::kWaitWoken) != 0) {
+        waker_.drain();
+        if ((ready & platform::kWaitReadable) == 0) return;
+    }
     if (ready < 0) {
         TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
         refusing_ = false;
-        std::this_thread::sleep_for(kRetryPause);
+        pause();
         return;
     }
     if (ready == 0) {
@@ -210,9 +223,15 @@ void TovraListenerTcp::serveOne()
     if (worker_.stopRequested()) return;
 
     if (!acceptEndpoint_.acceptFrom(listenSocket)) {
-        TOVRA_LOG_ERROR(logger(), kError, "Accept failed: ", natError());
+        // Out of descriptors, the request stays pending and the listen socket readable:
+        // without a pause the worker would spin, and the log fill with the same line.
+        if (!acceptFailing_) TOVRA_LOG_ERROR(logger(), kError, "Accept failed: ", natError(), "; retrying");
+        acceptFailing_ = true;
+        pause();
         return;
     }
+    if (acceptFailing_) TOVRA_LOG_TRACE(logger(), kTrace, "Accept works again");
+    acceptFailing_ = false;
     const std::string peer =
         "TCP:PeerAddress=" + acceptEndpoint_.addressText() + ":PeerPort=" + std::to_string(acceptEndpoint_.port());
     TOVRA_LOG_TRACE(logger(), kTrace, "Accept socket=", acceptEndpoint_.socket(), " connection request from ", peer);
@@ -228,6 +247,16 @@ void TovraListenerTcp::serveOne()
     }
     refusing_ = false;
     handOver(peer);
+}
+
+void TovraListenerTcp::pause()
+{
+    if (waker_.socket() == platform::kInvalidSocket) {
+        std::this_thread::sleep_for(kRetryPause);
+        return;
+    }
+    // A stop ends the pause at once.
+    if (platform::waitSocket(waker_.socket(), true, false, static_cast<int>(kRetryPause.count())) > 0) waker_.drain();
 }
 
 void TovraListenerTcp::handOver(const std::string& peer)

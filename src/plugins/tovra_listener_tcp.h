@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/waker.h"
 #include "plugins/ip_endpoint.h"
 #include "plugins/tovra_plugin.h"
 #include "protocol/worker_thread.h"
@@ -28,7 +29,7 @@ public:
     // "tcp:ipaddress=...:port=...:backlog=...:keepalive=...:keepidle=...:keepcount=...:keepinterval=..."
     // 0, -5009 (null), -5008 (running, or no accept handler), -1501..-1504, -1511, -1512, -1515.
     std::int32_t start(const char* connector) override;
-    // Ends the worker within one wait period and joins it; does nothing when not started.
+    // Wakes the worker, which ends at once, and joins it; does nothing when not started.
     void stop() override;
     bool onOwnThread() const override { return worker_.isCurrent(); }
     bool idle() const override { return !worker_.exists() || worker_.finished(); }
@@ -44,6 +45,8 @@ private:
     void serveOne();
     // With the gate taken: the owner's accept handler takes the connection or declines it.
     void handOver(const std::string& peer);
+    // Waits a little before the next try after a failure; a stop ends the wait.
+    void pause();
     void setKeepAliveOptions(platform::SocketHandle socket);
     void closeAcceptSocket();
     void closeListenSocket();
@@ -59,6 +62,10 @@ private:
     // Set after a refusal: requests already queued behind it are refused without waiting
     // for the gate again, so a flood of them clears quickly.
     bool refusing_ = false;
+    // Accepts fail (no descriptors left): said once, until one succeeds again.
+    bool acceptFailing_ = false;
+    // Owned by the worker while it runs; a stop wakes its wait through it.
+    platform::SocketWaker waker_;
     WorkerThread worker_;
 };
 

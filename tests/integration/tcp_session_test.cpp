@@ -170,8 +170,10 @@ TEST_F(TcpSession, BadFramesNeverReachTheApplication)
         EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
     }
 
-    // Bytes slowly trickling in still make a frame.
+    // Bytes slowly trickling in still make a frame (wine's timers are coarse: a generous
+    // timeout, not the short one above).
     connect();
+    ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 10000), 0);
     sim.setFault(Fault{.kind = FaultKind::trickle, .count = 1, .byteDelay = 5ms});
     EXPECT_EQ(transceive(patterned(20), response), 0);
     EXPECT_EQ(response, echoOf(patterned(20)));

@@ -209,6 +209,32 @@ int waitSocket(SocketHandle socket, bool readable, bool writable, int timeoutMs)
     return result;
 }
 
+int waitReadableOrWoken(SocketHandle socket, SocketHandle wake, int timeoutMs) {
+    pollfd p[2] = {{fd(socket), POLLIN, 0}, {fd(wake), POLLIN, 0}};
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
+    int remaining = timeoutMs < 0 ? -1 : timeoutMs;
+    for (;;) {
+        const int r = ::poll(p, 2, remaining);
+        if (r > 0) break;
+        if (r == 0) return 0;
+        if (errno != EINTR) return -1;
+        if (timeoutMs >= 0) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+            remaining = left.count() > 0 ? static_cast<int>(left.count()) : 0;
+        }
+    }
+    if ((p[0].revents | p[1].revents) & POLLNVAL) {
+        errno = EBADF;
+        return -1;
+    }
+    int result = 0;
+    if (p[0].revents & POLLIN) result |= kWaitReadable;
+    if (p[0].revents & (POLLERR | POLLHUP)) result |= kWaitReadable | kWaitError;
+    if (p[1].revents != 0) result |= kWaitWoken;
+    return result;
+}
+
 bool setLinger(SocketHandle socket, bool on, int seconds) {
     linger value{on ? 1 : 0, seconds};
     return ::setsockopt(fd(socket), SOL_SOCKET, SO_LINGER, &value, sizeof value) == 0;

@@ -197,6 +197,24 @@ int waitSocket(SocketHandle socket, bool readable, bool writable, int timeoutMs)
     return result;
 }
 
+int waitReadableOrWoken(SocketHandle socket, SocketHandle wake, int timeoutMs) {
+    fd_set readSet, exceptSet;
+    FD_ZERO(&readSet);
+    FD_ZERO(&exceptSet);
+    FD_SET(sock(socket), &readSet);
+    FD_SET(sock(wake), &readSet);
+    FD_SET(sock(socket), &exceptSet);
+    timeval timeout{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+    const int r = ::select(0, &readSet, nullptr, &exceptSet, timeoutMs < 0 ? nullptr : &timeout);
+    if (r == SOCKET_ERROR) return -1;
+    if (r == 0) return 0;
+    int result = 0;
+    if (FD_ISSET(sock(socket), &readSet)) result |= kWaitReadable;
+    if (FD_ISSET(sock(socket), &exceptSet)) result |= kWaitReadable | kWaitError;
+    if (FD_ISSET(sock(wake), &readSet)) result |= kWaitWoken;
+    return result;
+}
+
 bool setLinger(SocketHandle socket, bool on, int seconds) {
     if (seconds < 0 || seconds > USHRT_MAX) {
         ::WSASetLastError(WSAEINVAL);

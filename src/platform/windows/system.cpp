@@ -6,4 +6,8 @@ char pathSeparator() { return '\\'; }
 const char* gadgetLibraryBaseName() { return ""; }
 const char* osName() { return "Windows"; }
 
+bool setOpenFileLimit(unsigned long) { return false; }
+
+unsigned long lowestFreeDescriptor() { return 0; }
+
 }  // namespace tovra::platform
