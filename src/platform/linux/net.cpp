@@ -177,23 +177,27 @@ long availableBytes(SocketHandle socket) {
     return ::ioctl(fd(socket), FIONREAD, &count) == 0 ? count : -1;
 }
 
-int waitSocket(SocketHandle socket, bool readable, bool writable, int timeoutMs) {
-    pollfd p{fd(socket), 0, 0};
-    if (readable) p.events |= POLLIN;
-    if (writable) p.events |= POLLOUT;
+// poll, resumed after a signal with what is left of the time-out: its result, 0 on time-out.
+static int pollRetrying(pollfd* p, nfds_t count, int timeoutMs) {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
     int remaining = timeoutMs < 0 ? -1 : timeoutMs;
     for (;;) {
-        const int r = ::poll(&p, 1, remaining);
-        if (r > 0) break;
-        if (r == 0) return 0;
+        const int r = ::poll(p, count, remaining);
+        if (r >= 0) return r;
         if (errno != EINTR) return -1;
         if (timeoutMs >= 0) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
             remaining = left.count() > 0 ? static_cast<int>(left.count()) : 0;
         }
     }
+}
+
+int waitSocket(SocketHandle socket, bool readable, bool writable, int timeoutMs) {
+    pollfd p{fd(socket), 0, 0};
+    if (readable) p.events |= POLLIN;
+    if (writable) p.events |= POLLOUT;
+    if (const int r = pollRetrying(&p, 1, timeoutMs); r <= 0) return r;
     if (p.revents & POLLNVAL) {
         errno = EBADF;
         return -1;
@@ -211,19 +215,7 @@ int waitSocket(SocketHandle socket, bool readable, bool writable, int timeoutMs)
 
 int waitReadableOrWoken(SocketHandle socket, SocketHandle wake, int timeoutMs) {
     pollfd p[2] = {{fd(socket), POLLIN, 0}, {fd(wake), POLLIN, 0}};
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
-    int remaining = timeoutMs < 0 ? -1 : timeoutMs;
-    for (;;) {
-        const int r = ::poll(p, 2, remaining);
-        if (r > 0) break;
-        if (r == 0) return 0;
-        if (errno != EINTR) return -1;
-        if (timeoutMs >= 0) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-            remaining = left.count() > 0 ? static_cast<int>(left.count()) : 0;
-        }
-    }
+    if (const int r = pollRetrying(p, 2, timeoutMs); r <= 0) return r;
     if ((p[0].revents | p[1].revents) & POLLNVAL) {
         errno = EBADF;
         return -1;
