@@ -43,20 +43,14 @@ TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_Receive(int32_t portHandle, ui
 TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_PutPortParameter(int32_t portHandle, const char* key,
                                                                    const char* value)
 {
-    char line[256];
-    snprintf(line, sizeof line, "PutPortParameter %d %s %s", portHandle, key != NULL ? key : "(null)",
-             value != NULL ? value : "(null)");
-    return standinCalled("PutPortParameter", line);
+    return standinPutCall("PutPortParameter", portHandle, key, value);
 }
 
 #if !defined(STANDIN_WITHOUT_GETPORTPARAMETER)
 TOVRA_PLI_EXPORT int32_t TOVRA_PLI_CALL TOVRA_PLI_GetPortParameter(int32_t portHandle, const char* key, char* value,
                                                                    size_t size)
 {
-    char line[160];
-    snprintf(line, sizeof line, "GetPortParameter %d %s", portHandle, key != NULL ? key : "(null)");
-    if (value != NULL && size > 0) value[0] = '\0';
-    return standinCalled("GetPortParameter", line);
+    return standinGetCall("GetPortParameter", portHandle, key, value, (long long)size);
 }
 STANDIN_SAME_TYPE(TOVRA_PLI_GetPortParameter, TOVRA_PLI_GetPortParameter_t);
 #endif

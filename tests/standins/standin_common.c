@@ -538,3 +538,19 @@ int32_t standinReceiveWhole(int32_t handle, uint8_t* buffer, int32_t size, int32
     snprintf(line, sizeof line, "Receive %d %d", handle, size);
     return standinReceive(buffer, size, 1, tooLongCode, timeoutCode, line);
 }
+
+int32_t standinPutCall(const char* entry, int32_t handle, const char* key, const char* value)
+{
+    char line[256];
+    snprintf(line, sizeof line, "%s %d %s %s", entry, handle, key != NULL ? key : "(null)",
+             value != NULL ? value : "(null)");
+    return standinCalled(entry, line);
+}
+
+int32_t standinGetCall(const char* entry, int32_t handle, const char* key, char* value, long long size)
+{
+    char line[160];
+    snprintf(line, sizeof line, "%s %d %s", entry, handle, key != NULL ? key : "(null)");
+    if (value != NULL && size > 0) value[0] = '\0';
+    return standinCalled(entry, line);
+}

@@ -72,6 +72,10 @@ int32_t standinReceive(uint8_t* buffer, int32_t size, int whole, int32_t tooLong
 int32_t standinOpen(const char* entry, const char* line);
 int32_t standinHandleCall(const char* entry, int32_t handle);
 int32_t standinTransmitOn(int32_t handle, long long length);
+/* Parameter calls record "ENTRY HANDLE KEY VALUE" and "ENTRY HANDLE KEY"; a get leaves the
+   value empty. */
+int32_t standinPutCall(const char* entry, int32_t handle, const char* key, const char* value);
+int32_t standinGetCall(const char* entry, int32_t handle, const char* key, char* value, long long size);
 int32_t standinReceiveWhole(int32_t handle, uint8_t* buffer, int32_t size, int32_t tooLongCode, int32_t timeoutCode);
 
 /* Hex digits to a number; 0 when `text` is not just 1 to 8 hex digits. */

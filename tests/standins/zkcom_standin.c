@@ -52,18 +52,12 @@ STANDIN_API int32_t ZKCOM_CALL ZKCOM_Receive(int32_t handle, uint8_t* buffer, in
 
 STANDIN_API int32_t ZKCOM_CALL ZKCOM_GetPortPara(int32_t handle, const char* name, char* value, int32_t size)
 {
-    char line[160];
-    snprintf(line, sizeof line, "GetPortPara %d %s", handle, name != NULL ? name : "(null)");
-    if (value != NULL && size > 0) value[0] = '\0';
-    return standinCalled("GetPortPara", line);
+    return standinGetCall("GetPortPara", handle, name, value, size);
 }
 
 STANDIN_API int32_t ZKCOM_CALL ZKCOM_SetPortPara(int32_t handle, const char* name, const char* value)
 {
-    char line[256];
-    snprintf(line, sizeof line, "SetPortPara %d %s %s", handle, name != NULL ? name : "(null)",
-             value != NULL ? value : "(null)");
-    return standinCalled("SetPortPara", line);
+    return standinPutCall("SetPortPara", handle, name, value);
 }
 
 STANDIN_API int32_t ZKCOM_CALL ZKCOM_DoPortCmd(int32_t handle, const char* command, const char* value)

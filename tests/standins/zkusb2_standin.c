@@ -133,18 +133,12 @@ STANDIN_API int32_t ZKUSB2_CALL ZKUSB2_Receive(int32_t handle, uint8_t* buffer, 
 
 STANDIN_API int32_t ZKUSB2_CALL ZKUSB2_GetParameter(int32_t handle, const char* key, char* value, int32_t size)
 {
-    char line[160];
-    snprintf(line, sizeof line, "GetParameter %d %s", handle, key != NULL ? key : "(null)");
-    if (value != NULL && size > 0) value[0] = '\0';
-    return standinCalled("GetParameter", line);
+    return standinGetCall("GetParameter", handle, key, value, size);
 }
 
 STANDIN_API int32_t ZKUSB2_CALL ZKUSB2_PutParameter(int32_t handle, const char* key, const char* value)
 {
-    char line[256];
-    snprintf(line, sizeof line, "PutParameter %d %s %s", handle, key != NULL ? key : "(null)",
-             value != NULL ? value : "(null)");
-    return standinCalled("PutParameter", line);
+    return standinPutCall("PutParameter", handle, key, value);
 }
 
 STANDIN_SAME_TYPE(ZKUSB2_GetVersion, ZKUSB2_GetVersion_t);

@@ -99,18 +99,12 @@ STANDIN_API int32_t ZKUSB_CALL ZKUSB_Receive(int32_t handle, const char* interfa
 
 STANDIN_API int32_t ZKUSB_CALL ZKUSB_GetDevicePara(int32_t handle, const char* key, char* value, int32_t size)
 {
-    char line[160];
-    snprintf(line, sizeof line, "GetDevicePara %d %s", handle, key != NULL ? key : "(null)");
-    if (value != NULL && size > 0) value[0] = '\0';
-    return standinCalled("GetDevicePara", line);
+    return standinGetCall("GetDevicePara", handle, key, value, size);
 }
 
 STANDIN_API int32_t ZKUSB_CALL ZKUSB_SetDevicePara(int32_t handle, const char* key, const char* value)
 {
-    char line[256];
-    snprintf(line, sizeof line, "SetDevicePara %d %s %s", handle, key != NULL ? key : "(null)",
-             value != NULL ? value : "(null)");
-    return standinCalled("SetDevicePara", line);
+    return standinPutCall("SetDevicePara", handle, key, value);
 }
 
 STANDIN_API int32_t ZKUSB_CALL ZKUSB_Scan(int32_t mode, int32_t flags)
