@@ -52,7 +52,7 @@ private:
 
     ConnectionRecord& record_;
     TovraReceiver1P* receiver_ = nullptr;
-    std::unique_ptr<ProtocolFrame> response_ = std::make_unique<ProtocolFrame>();
+    LazyFrame response_;
     ProtocolFrame* pendingRequest_ = nullptr; // one of the receiver's buffers
     bool mayRun_ = false;
     std::atomic<bool> deliveryClosed_{false};

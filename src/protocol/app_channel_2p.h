@@ -28,8 +28,8 @@ private:
     ConnectionRecord& record_;
     // Callers on several threads would otherwise share the two frames.
     std::mutex exchangeLock_;
-    std::unique_ptr<ProtocolFrame> request_ = std::make_unique<ProtocolFrame>();
-    std::unique_ptr<ProtocolFrame> response_ = std::make_unique<ProtocolFrame>();
+    LazyFrame request_;
+    LazyFrame response_;
 };
 
 } // namespace tovra

@@ -39,7 +39,7 @@ private:
 
     ConnectionRecord& record_;
     TovraReceiver1P* receiver_ = nullptr;
-    std::unique_ptr<ProtocolFrame> request_ = std::make_unique<ProtocolFrame>();
+    LazyFrame request_;
     ProtocolFrame* pendingResponse_ = nullptr; // one of the receiver's buffers
     std::atomic<bool> receiverEnded_{false};
     std::atomic<std::uint32_t> responseTimeout_{5000};

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string_view>
 
@@ -22,12 +23,17 @@ enum class FrameGeneration : std::uint8_t {
 inline constexpr std::uint8_t kDirectionRequest = 0x01;
 inline constexpr std::uint8_t kDirectionResponse = 0x02;
 
-// One frame as it travels on the wire. Owners embed it; none is allocated per message.
+// One frame as it travels on the wire. Owners keep theirs for as long as they live; none is
+// allocated per message.
 struct ProtocolFrame {
     static constexpr std::size_t maxLength = 32768;
 
+    // Only the header is zeroed: the rest of the storage stays untouched, and costs no
+    // memory, until a frame that long is written into it.
+    ProtocolFrame() noexcept { std::fill_n(bytes.begin(), kZeroedHeader, std::uint8_t{0}); }
+
     std::uint64_t length = 0; // valid bytes; 0 means empty and free
-    std::array<std::uint8_t, maxLength> bytes{};
+    std::array<std::uint8_t, maxLength> bytes;
 
     void clear()
     {
@@ -59,6 +65,26 @@ struct ProtocolFrame {
 
     // `length`, limited to the buffer, for code that walks the bytes.
     std::size_t usedLength() const { return length < maxLength ? static_cast<std::size_t>(length) : maxLength; }
+
+private:
+    // The largest header plus command code and status: what the derived fields read of a
+    // frame shorter than its header.
+    static constexpr std::size_t kZeroedHeader = 8;
+};
+
+// A frame made on its first use, so that an object that never needs it carries none. Used
+// by one thread at a time, as the frame itself is.
+class LazyFrame {
+public:
+    ProtocolFrame& operator*()
+    {
+        if (!frame_) frame_ = std::make_unique<ProtocolFrame>();
+        return *frame_;
+    }
+    ProtocolFrame* operator->() { return &**this; }
+
+private:
+    std::unique_ptr<ProtocolFrame> frame_;
 };
 
 // "Std", "Adv", "Enh" or "" for a frame whose first byte (or a generation number) is `firstByte`.

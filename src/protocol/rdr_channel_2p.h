@@ -34,8 +34,8 @@ private:
     void run();
 
     ConnectionRecord& record_;
-    std::unique_ptr<ProtocolFrame> request_ = std::make_unique<ProtocolFrame>();
-    std::unique_ptr<ProtocolFrame> response_ = std::make_unique<ProtocolFrame>();
+    LazyFrame request_;
+    LazyFrame response_;
     std::atomic<bool> endAfterCallback_{false};
     WorkerThread thread_;
 };

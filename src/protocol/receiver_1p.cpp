@@ -18,7 +18,6 @@ TovraReceiver1P::TovraReceiver1P(ConnectionRecord& record, TovraAppTransceive1P&
                                  TovraAppCallback1P& callback)
     : record_(record), transceive_(transceive), callback_(callback)
 {
-    for (auto& buffer : buffers_) buffer = std::make_unique<ProtocolFrame>();
 }
 
 TovraReceiver1P::~TovraReceiver1P() { terminate(); }
@@ -31,6 +30,9 @@ bool TovraReceiver1P::start(bool connectedByReader)
         TOVRA_LOG_ERROR(record_.logger(), kErrors, "1port receiver: thread already started");
     } else {
         try {
+            // Made by the first connection: a module that never connects carries none.
+            for (auto& buffer : buffers_)
+                if (!buffer) buffer = std::make_unique<ProtocolFrame>();
             started = thread_.start(record_.reader(), [this] { run(); });
         } catch (...) {
             // No receiver: the callback thread ends at once and closes the connection.

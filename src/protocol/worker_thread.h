@@ -1,9 +1,12 @@
 #pragma once
 
+#include "platform/thread.h"
+
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <mutex>
-#include <thread>
+#include <system_error>
 
 namespace tovra {
 
@@ -31,18 +34,19 @@ public:
         }
         stopRequested_.store(false);
         finished_.store(false);
-        try {
-            thread_ = std::thread([this, owner, run = std::move(body)] {
-                id_.store(std::this_thread::get_id());
-                currentOwnerTag() = owner;
-                run();
-                finished_.store(true);
-            });
-        } catch (...) {
+        id_.store(0);
+        const bool made = thread_.start([this, owner, run = std::move(body)] {
+            id_.store(platform::currentThreadId());
+            currentOwnerTag() = owner;
+            run();
+            // The system may give this id to another thread once this one has ended.
+            id_.store(0);
             finished_.store(true);
-            throw;
+        });
+        if (!made) {
+            finished_.store(true);
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         }
-        id_.store(thread_.get_id());
         exists_.store(true);
         return true;
     }
@@ -52,7 +56,7 @@ public:
     bool exists() const { return exists_.load(); }
     bool finished() const { return finished_.load(); }
     // True on the worker's own thread.
-    bool isCurrent() const { return id_.load() == std::this_thread::get_id(); }
+    bool isCurrent() const { return id_.load() == platform::currentThreadId(); }
 
     // Waits for the thread to end. On the worker's own thread it returns false at once and
     // leaves the thread to a later join from elsewhere.
@@ -62,7 +66,7 @@ public:
         std::lock_guard guard(lock_);
         if (thread_.joinable()) thread_.join();
         exists_.store(false);
-        id_.store(std::thread::id{});
+        id_.store(0);
         finished_.store(true);
         return true;
     }
@@ -79,8 +83,8 @@ private:
 
     // Guards the thread object against a start and a join, or two joins, at once.
     std::mutex lock_;
-    std::thread thread_;
-    std::atomic<std::thread::id> id_{};
+    platform::NativeThread thread_;
+    std::atomic<std::uint64_t> id_{0};
     std::atomic<bool> exists_{false};
     std::atomic<bool> stopRequested_{false};
     std::atomic<bool> finished_{true};
