@@ -38,6 +38,27 @@ public:
     // May run while another thread transmits or receives on the plugin.
     virtual void pliAbortReceive() {}
 
+    // Transports that can sleep until their connection has something to read offer it: the
+    // one-port receiver then waits in watchReadable() instead of polling pliReceive, and a
+    // transceive reads its own response with receiveWithin() while the watch is paused.
+    // Neither is used where the transport's log would show the polls left out.
+    static constexpr int kNoReadiness = -2;
+    static constexpr int kNotReadable = 0;
+    static constexpr int kReadable = 1;
+    virtual bool canWaitReadable() const { return false; }
+    // kReadable, kNotReadable when woken by wakeWatch(), an abort or a pause, or kNoReadiness.
+    virtual int watchReadable() { return kNoReadiness; }
+    // Data no longer ends watchReadable() until resumeWatch(); a pause may wake it instead.
+    virtual void pauseWatch() {}
+    virtual void resumeWatch() {}
+    virtual void wakeWatch() {}
+    // pliReceive, waiting at most waitMs for the start of a frame.
+    virtual std::int32_t receiveWithin(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize,
+                                       int /*waitMs*/)
+    {
+        return pliReceive(portHandle, buffer, bufferSize);
+    }
+
     // The host is ending this connection: wakes its waits for good. Whatever fails on the
     // plugin afterwards is the host's doing, not the reader's.
     void abortConnection()

@@ -256,6 +256,46 @@ void TovraPluginTcp::pliAbortReceive()
     // socket itself stays open until pliDisconnect closes it.
     std::lock_guard guard(closeLock_);
     if (endpoint_.valid()) platform::shutdownSocket(endpoint_.socket());
+    if (watch_.isOpen()) watch_.wake();
+}
+
+bool TovraPluginTcp::quiet() const { return !logger().isEnabled(kTrace); }
+
+bool TovraPluginTcp::canWaitReadable() const
+{
+    std::lock_guard guard(closeLock_);
+    return endpoint_.valid() && quiet();
+}
+
+int TovraPluginTcp::watchReadable()
+{
+    {
+        std::lock_guard guard(closeLock_);
+        if (!endpoint_.valid() || !quiet()) return kNoReadiness;
+        if (!watch_.isOpen() && !watch_.open(endpoint_.socket())) return kNoReadiness;
+    }
+    // Closed only once its receiver has ended: no lock needed while it sleeps.
+    const int ready = watch_.wait();
+    if (ready < 0) return kNoReadiness;
+    return (ready & platform::kWaitReadable) != 0 ? kReadable : kNotReadable;
+}
+
+void TovraPluginTcp::pauseWatch()
+{
+    std::lock_guard guard(closeLock_);
+    if (watch_.isOpen()) watch_.pause();
+}
+
+void TovraPluginTcp::resumeWatch()
+{
+    std::lock_guard guard(closeLock_);
+    if (watch_.isOpen()) watch_.resume();
+}
+
+void TovraPluginTcp::wakeWatch()
+{
+    std::lock_guard guard(closeLock_);
+    if (watch_.isOpen()) watch_.wake();
 }
 
 void TovraPluginTcp::sendRest(const std::uint8_t* data, std::size_t length)
@@ -290,6 +330,7 @@ int TovraPluginTcp::closeSocket()
         TOVRA_LOG_ERROR(logger(), kError, "Set socket blocking failed: ", natError());
     if (!platform::shutdownSocket(s)) TOVRA_LOG_ERROR(logger(), kError, "Shutdown failed: ", natError());
     std::lock_guard guard(closeLock_);
+    watch_.close();
     const int result = platform::closeSocket(s);
     endpoint_.reset();
     return result;
@@ -321,6 +362,12 @@ try {
 }
 
 std::int32_t TovraPluginTcp::pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize)
+{
+    return receiveWithin(portHandle, buffer, bufferSize, receiveTimeout_);
+}
+
+std::int32_t TovraPluginTcp::receiveWithin(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize,
+                                           int waitMs)
 try {
     TOVRA_LOG_TRACE(logger(), kTrace, "Start receive PH=0x", hex(portHandle));
     if (buffer == nullptr) bufferSize = 0;
@@ -329,7 +376,7 @@ try {
     std::size_t count = 0;
     std::size_t expected = kHeaderLength;
     std::int64_t now = platform::monotonicMicros();
-    std::int64_t deadline = now + std::int64_t{receiveTimeout_} * 1000;
+    std::int64_t deadline = now + std::int64_t{std::min(waitMs, receiveTimeout_)} * 1000;
     // Bytes that the last FIONREAD reported and that are still unread: reading them needs
     // no wait and no second query.
     long unread = 0;
@@ -338,8 +385,8 @@ try {
         if (now >= deadline) return err::ReceivePending;
         long available = unread;
         if (available <= 0) {
-            const auto waitMs = static_cast<int>((deadline - now + 999) / 1000);
-            const int ready = platform::waitSocket(s, true, false, waitMs);
+            const auto leftMs = static_cast<int>((deadline - now + 999) / 1000);
+            const int ready = platform::waitSocket(s, true, false, leftMs);
             if (ready < 0) {
                 TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
                 return fail(tcperr::ReceiveFailed);

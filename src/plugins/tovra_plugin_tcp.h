@@ -2,6 +2,7 @@
 
 #include "plugins/ip_endpoint.h"
 #include "plugins/tovra_plugin.h"
+#include "platform/read_watch.h"
 #include "protocol/protocol_frame.h"
 
 #include <cstdint>
@@ -47,10 +48,19 @@ public:
     std::int32_t pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length) override;
     std::int32_t pliReceive(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize) override;
     std::int32_t pliPutParam(std::int32_t portHandle, const char* key, const char* value) override;
+    bool canWaitReadable() const override;
+    int watchReadable() override;
+    void pauseWatch() override;
+    void resumeWatch() override;
+    void wakeWatch() override;
+    std::int32_t receiveWithin(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize,
+                               int waitMs) override;
     std::int32_t pliGetParam(std::int32_t portHandle, const char* key, std::string& value) override;
 
 private:
     TovraLogger& logger() const;
+    // The receive's own records are off: nothing shows whether it polls or sleeps.
+    bool quiet() const;
     bool blockingConnect();
     bool nonblockingConnect(std::int32_t timeoutMs);
     int closeSocket();
@@ -60,8 +70,10 @@ private:
 
     IpEndpoint endpoint_;
     // An abort may come while the socket is being closed: it must never reach a closed one,
-    // whose number the system may already have given to another socket.
-    std::mutex closeLock_;
+    // whose number the system may already have given to another socket. Guards the watch's
+    // opening and closing for the same reason.
+    mutable std::mutex closeLock_;
+    platform::ReadWatch watch_; // opened by the first watchReadable()
     ProtocolFrame frame_; // assembly of the frame being received
     bool wsaStarted_ = false;
     std::int32_t receiveTimeout_ = 300; // ms, for the header and again for the rest

@@ -60,6 +60,18 @@ bool TovraAppCallback1P::deliverRequest(ProtocolFrame& frame)
     return true;
 }
 
+TovraAppCallback1P::Delivery TovraAppCallback1P::tryDeliverRequest(ProtocolFrame& frame)
+{
+    {
+        std::lock_guard guard(lock_);
+        if (deliveryClosed_.load()) return Delivery::Closed;
+        if (pendingRequest_ != nullptr) return Delivery::Busy;
+        pendingRequest_ = &frame;
+    }
+    changed_.notify_all();
+    return Delivery::Delivered;
+}
+
 void TovraAppCallback1P::closeDelivery()
 {
     deliveryClosed_.store(true);

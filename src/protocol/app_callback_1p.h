@@ -29,6 +29,9 @@ public:
     // Hands a request over; waits while the previous one has not been taken yet.
     // False once delivery is closed: the caller keeps the buffer.
     bool deliverRequest(ProtocolFrame& frame);
+    // The same without waiting: Busy while the previous request has not been taken.
+    enum class Delivery { Delivered, Busy, Closed };
+    Delivery tryDeliverRequest(ProtocolFrame& frame);
     // Ends deliveries that wait, for good (until the next start).
     void closeDelivery();
     // The receiver has ended; a reader that left is reported to the application. A later

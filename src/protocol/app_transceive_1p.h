@@ -34,8 +34,13 @@ public:
     void setResponseTimeout(std::uint32_t milliseconds) { responseTimeout_.store(milliseconds); }
 
 private:
-    std::int32_t awaitResponse(std::unique_lock<std::mutex>& lock, std::uint8_t* response,
+    std::int32_t awaitResponse(std::unique_lock<std::mutex>& lock, std::int64_t remaining, std::uint8_t* response,
                                std::uint64_t* responseLength);
+    // The exchange with this thread reading the response itself (the receiver's turn given
+    // to the caller); the lock is not held.
+    std::int32_t exchangeOnOwnTurn(std::uint8_t* response, std::uint64_t* responseLength);
+    // Copies the pending response out and releases its buffer; with none, false.
+    bool takeResponse(std::uint8_t* response, std::uint64_t* responseLength, std::int32_t& result);
 
     ConnectionRecord& record_;
     TovraReceiver1P* receiver_ = nullptr;

@@ -1,12 +1,14 @@
 #include "protocol/receiver_1p.h"
 
 #include "api/error_codes.h"
+#include "plugins/tovra_plugin.h"
 #include "logging/log.h"
 #include "protocol/app_callback_1p.h"
 #include "protocol/app_transceive_1p.h"
 #include "reader/connection_record.h"
 
 #include <chrono>
+#include <utility>
 
 namespace tovra {
 namespace {
@@ -53,6 +55,10 @@ void TovraReceiver1P::stop()
     record_.receive().abort();
     // A receiver waiting to hand a request over must not wait for a taker that stops.
     callback_.closeDelivery();
+    // Nor for data, or for the end of a caller's turn.
+    if (const std::shared_ptr<TovraPlugin> plugin = record_.plugin()) plugin->wakeWatch();
+    { std::lock_guard guard(turnLock_); }
+    turnChanged_.notify_all();
 }
 
 void TovraReceiver1P::stopAndJoin()
@@ -131,9 +137,22 @@ void TovraReceiver1P::run()
         inUse_[i].store(false);
         request_[i].store(false);
     }
+    {
+        std::lock_guard guard(turnLock_);
+        turn_ = Turn::Reading;
+        handedBack_ = nullptr;
+        readerLeft_ = false;
+    }
     bool disconnectedByReader = false;
 
     while (!thread_.stopRequested()) {
+        const Awaited awaited = awaitData();
+        if (awaited == Awaited::ReaderLeft) {
+            TOVRA_LOG_TRACE(logger, logcat::Reader, "Detected disconnect by reader");
+            disconnectedByReader = true;
+            break;
+        }
+        if (awaited == Awaited::Again) continue;
         ProtocolFrame* buffer = unusedBuffer();
         if (buffer == nullptr) {
             TOVRA_LOG_ERROR(logger, kErrors, "No unused receive buffer available");
@@ -163,12 +182,13 @@ void TovraReceiver1P::run()
         route(*buffer);
     }
 
+    endTurns();
     TOVRA_LOG_TRACE(logger, logcat::Reader, "1port receiver thread stopped");
     transceive_.receiverEnded();
     callback_.signalEnd(disconnectedByReader);
 }
 
-void TovraReceiver1P::route(ProtocolFrame& frame)
+bool TovraReceiver1P::route(ProtocolFrame& frame, bool mayWait)
 {
     TovraLogger& logger = record_.logger();
     switch (frame.generation()) {
@@ -176,21 +196,29 @@ void TovraReceiver1P::route(ProtocolFrame& frame)
     case FrameGeneration::Standard:
         TOVRA_LOG_ERROR(logger, kErrors, "Protocol generation standard is not supported");
         release(frame);
-        return;
+        return true;
     case FrameGeneration::Advanced:
         TOVRA_LOG_ERROR(logger, kErrors, "Protocol generation advanced is not supported");
         release(frame);
-        return;
+        return true;
     default:
         TOVRA_LOG_ERROR(logger, kErrors, "Unknown protocol generation");
         release(frame);
-        return;
+        return true;
     }
     const std::uint8_t flags = frame.directionFlags();
     if ((flags & kDirectionRequest) != 0) {
         TOVRA_LOG_TRACE(logger, logcat::Reader, "Protocol generation enhanced reader request to app");
         markRequest(frame);
-        if (!callback_.deliverRequest(frame)) release(frame);
+        if (mayWait) {
+            if (!callback_.deliverRequest(frame)) release(frame);
+            return true;
+        }
+        switch (callback_.tryDeliverRequest(frame)) {
+        case TovraAppCallback1P::Delivery::Busy: return false;
+        case TovraAppCallback1P::Delivery::Closed: release(frame); break;
+        case TovraAppCallback1P::Delivery::Delivered: break;
+        }
     } else if ((flags & kDirectionResponse) != 0) {
         TOVRA_LOG_TRACE(logger, logcat::Reader, "Protocol generation enhanced reader response to app");
         transceive_.deliverResponse(frame);
@@ -198,6 +226,99 @@ void TovraReceiver1P::route(ProtocolFrame& frame)
         TOVRA_LOG_ERROR(logger, kErrors, "Protocol generation enhanced with unexpected trail");
         release(frame);
     }
+    return true;
+}
+
+TovraReceiver1P::Awaited TovraReceiver1P::awaitData()
+{
+    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    {
+        std::unique_lock lock(turnLock_);
+        turnChanged_.wait(lock, [this] { return turn_ != Turn::Caller || thread_.stopRequested(); });
+        if (thread_.stopRequested()) return Awaited::Again;
+        if (takeOverFromCaller(lock)) return readerLeft_ ? Awaited::ReaderLeft : Awaited::Again;
+        if (!plugin || !plugin->canWaitReadable()) return Awaited::Read;
+        turn_ = Turn::Watching;
+    }
+    const int ready = plugin->watchReadable();
+    std::lock_guard guard(turnLock_);
+    if (turn_ == Turn::Caller) return Awaited::Again;
+    turn_ = Turn::Reading;
+    return ready == TovraPlugin::kNotReadable ? Awaited::Again : Awaited::Read;
+}
+
+bool TovraReceiver1P::takeOverFromCaller(std::unique_lock<std::mutex>& lock)
+{
+    if (readerLeft_) return true;
+    ProtocolFrame* request = std::exchange(handedBack_, nullptr);
+    if (request == nullptr) return false;
+    lock.unlock();
+    // Waits for the callback thread to take it, as a request read here would.
+    if (!callback_.deliverRequest(*request)) release(*request);
+    lock.lock();
+    return true;
+}
+
+void TovraReceiver1P::endTurns()
+{
+    std::unique_lock lock(turnLock_);
+    turnChanged_.wait(lock, [this] { return turn_ != Turn::Caller; });
+    turn_ = Turn::Ended;
+    if (ProtocolFrame* request = std::exchange(handedBack_, nullptr)) release(*request);
+}
+
+bool TovraReceiver1P::beginCallersTurn()
+{
+    // The reader's own threads wait for nothing that this connection's threads do.
+    if (WorkerThread::currentOwner() == record_.reader()) return false;
+    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    std::lock_guard guard(turnLock_);
+    if (turn_ != Turn::Watching || handedBack_ != nullptr || !plugin || !plugin->canWaitReadable()) return false;
+    turn_ = Turn::Caller;
+    plugin->pauseWatch();
+    return true;
+}
+
+void TovraReceiver1P::endCallersTurn()
+{
+    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    {
+        std::lock_guard guard(turnLock_);
+        if (turn_ != Turn::Caller) return;
+        turn_ = Turn::Watching;
+        if (plugin) plugin->resumeWatch();
+    }
+    turnChanged_.notify_all();
+}
+
+TovraReceiver1P::CallersRead TovraReceiver1P::readOnCallersTurn(int timeoutMs)
+{
+    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    // Logging that shows the polls, switched on meanwhile, leaves them to the receiver.
+    if (!plugin || thread_.stopRequested() || !plugin->canWaitReadable()) return CallersRead::GiveBack;
+    ProtocolFrame* buffer = unusedBuffer();
+    if (buffer == nullptr) return CallersRead::GiveBack;
+
+    const std::int32_t received = record_.receive().receiveProtocolWithin(*buffer, timeoutMs);
+    if (received == err::ReceivePending) {
+        release(*buffer);
+        return CallersRead::Timeout;
+    }
+    if (received == err::DisconnectedByPeer || received == err::Terminated) {
+        release(*buffer);
+        std::lock_guard guard(turnLock_);
+        readerLeft_ = received == err::DisconnectedByPeer;
+        return CallersRead::GiveBack;
+    }
+    if (received < 0) {
+        release(*buffer);
+        return CallersRead::Read;
+    }
+    if (thread_.stopRequested()) return CallersRead::GiveBack; // the buffer keeps its frame
+    if (route(*buffer, false)) return CallersRead::Read;
+    std::lock_guard guard(turnLock_);
+    handedBack_ = buffer;
+    return CallersRead::GiveBack;
 }
 
 } // namespace tovra

@@ -5,7 +5,9 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 namespace tovra {
 
@@ -16,6 +18,12 @@ class TovraAppTransceive1P;
 // Reads every frame of a one-port connection and routes it by its direction flags: responses
 // to the waiting transceive, reader requests to the application callback thread. Frames are
 // handed over by reference; the taker gives a buffer back with release().
+//
+// Where the transport can sleep until there is something to read, the receiver does so, and
+// a transceive on an application thread takes the reading over for its exchange while the
+// receiver sleeps: the response then wakes only the thread that waits for it. The caller
+// reads and routes exactly as the receiver would; whatever would make it wait (a request
+// the callback thread cannot take yet, the reader leaving) goes back to the receiver.
 class TovraReceiver1P {
 public:
     TovraReceiver1P(ConnectionRecord& record, TovraAppTransceive1P& transceive, TovraAppCallback1P& callback);
@@ -34,10 +42,27 @@ public:
     // Marks a handed-over buffer unused again.
     void release(ProtocolFrame& frame);
 
+    // The caller's turn at reading, for a transceive that is not on one of the reader's own
+    // threads. True when the caller reads from now on; it ends the turn with endCallersTurn().
+    bool beginCallersTurn();
+    void endCallersTurn();
+    // Waits up to timeoutMs for a frame, then reads and routes it. GiveBack: the caller ends
+    // its turn and leaves the rest to the receiver.
+    enum class CallersRead { Read, Timeout, GiveBack };
+    CallersRead readOnCallersTurn(int timeoutMs);
+
 private:
     static constexpr std::size_t kBuffers = 3;
 
     void run();
+    // Sleeps until there is something to read, when the transport can. Read: go on and read;
+    // Again: woken, or the caller reads now; ReaderLeft: the caller saw the reader leave.
+    enum class Awaited { Read, Again, ReaderLeft };
+    Awaited awaitData();
+    // What the caller left to the receiver: a request to deliver, or the reader gone.
+    bool takeOverFromCaller(std::unique_lock<std::mutex>& lock);
+    // The connection is closed once this thread has ended: a caller reading gives it back first.
+    void endTurns();
     ProtocolFrame* unusedBuffer();
     // No buffer will come free by itself: none holds a request that the callback thread
     // is answering.
@@ -45,7 +70,9 @@ private:
     // With no buffer to come free, the end of the connection must still be seen: frames are
     // read aside and routed only if a buffer has come free meanwhile. True when it ended.
     bool watchForEnd();
-    void route(ProtocolFrame& frame);
+    // False when the frame is a request that the callback thread cannot take without a wait
+    // and `mayWait` is false; the frame is not delivered then.
+    bool route(ProtocolFrame& frame, bool mayWait = true);
     void markRequest(const ProtocolFrame& frame);
 
     ConnectionRecord& record_;
@@ -57,6 +84,15 @@ private:
     std::array<std::atomic<bool>, kBuffers> request_{};
     std::unique_ptr<ProtocolFrame> aside_; // made on first need
     WorkerThread thread_;
+
+    // Who reads the connection: the receiver (Reading, or asleep in its watch: Watching),
+    // a transceive (Caller), nobody any more (Ended).
+    enum class Turn { Reading, Watching, Caller, Ended };
+    std::mutex turnLock_;
+    std::condition_variable turnChanged_;
+    Turn turn_ = Turn::Reading;
+    ProtocolFrame* handedBack_ = nullptr; // a request the caller read, to deliver
+    bool readerLeft_ = false;             // the caller saw the end of the connection
 };
 
 } // namespace tovra

@@ -35,19 +35,32 @@ std::int32_t TovraReceive::receiveProtocol(ProtocolFrame& frame)
     const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
     if (!plugin) return err::NotConnected;
 
-    std::int32_t received = 0;
     for (;;) {
         frame.clear();
-        received = plugin->pliReceive(record_.portHandle(), frame.bytes.data(), ProtocolFrame::maxLength);
-        if (received >= 0) break;
-        if (received != err::ReceivePending) {
-            // The host ending the connection wakes the plugin with an end of stream.
-            return plugin->connectionAborted() || abortRequested_.load() ? err::Terminated : received;
-        }
+        const std::int32_t received =
+            plugin->pliReceive(record_.portHandle(), frame.bytes.data(), ProtocolFrame::maxLength);
+        if (received != err::ReceivePending) return checked(*plugin, frame, received);
         if (deadline != 0 && platform::monotonicMicros() > deadline) return err::ReceiveTimeout;
         if (abortRequested_.load()) return err::Terminated;
     }
+}
 
+std::int32_t TovraReceive::receiveProtocolWithin(ProtocolFrame& frame, int waitMs)
+{
+    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    if (!plugin) return err::NotConnected;
+    frame.clear();
+    const std::int32_t received =
+        plugin->receiveWithin(record_.portHandle(), frame.bytes.data(), ProtocolFrame::maxLength, waitMs);
+    return received == err::ReceivePending ? received : checked(*plugin, frame, received);
+}
+
+std::int32_t TovraReceive::checked(const TovraPlugin& plugin, ProtocolFrame& frame, std::int32_t received)
+{
+    if (received < 0) {
+        // The host ending the connection wakes the plugin with an end of stream.
+        return plugin.connectionAborted() || abortRequested_.load() ? err::Terminated : received;
+    }
     // A plugin never reports more than the buffer holds; the length stays inside it regardless.
     frame.length = std::min<std::uint64_t>(static_cast<std::uint64_t>(received), ProtocolFrame::maxLength);
     const bool valid = isValidFrame(frame);

@@ -9,6 +9,7 @@
 namespace tovra {
 
 class ConnectionRecord;
+class TovraPlugin;
 
 // Sends whole frames through the record's plugin; one transmit lock per record makes
 // concurrent senders' frames go out one after the other.
@@ -34,6 +35,9 @@ public:
 
     // 0, -5015 (timeout), -5011 (aborted), -5016 (frame failed the check) or the plugin's error.
     std::int32_t receiveProtocol(ProtocolFrame& frame);
+    // One receive of the plugin, waiting at most waitMs for a frame to start; the plugin's
+    // pending value INT32_MIN when none did.
+    std::int32_t receiveProtocolWithin(ProtocolFrame& frame, int waitMs);
     // Ends a waiting receive; any thread may call it.
     void abort() { abortRequested_.store(true); }
 
@@ -42,6 +46,9 @@ public:
     void setReceiveTimeout(std::int32_t milliseconds) { receiveTimeout_.store(milliseconds); }
 
 private:
+    // The frame the plugin reported, checked and logged; or the plugin's error.
+    std::int32_t checked(const TovraPlugin& plugin, ProtocolFrame& frame, std::int32_t received);
+
     ConnectionRecord& record_;
     std::atomic<bool> abortRequested_{false};
     std::atomic<std::int32_t> receiveTimeout_{-1};
