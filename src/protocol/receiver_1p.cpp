@@ -242,7 +242,8 @@ TovraReceiver1P::Awaited TovraReceiver1P::awaitData()
     }
     const int ready = plugin->watchReadable();
     std::lock_guard guard(turnLock_);
-    if (turn_ == Turn::Caller) return Awaited::Again;
+    // What a caller left behind comes before anything read now.
+    if (turn_ == Turn::Caller || handedBack_ != nullptr || readerLeft_) return Awaited::Again;
     turn_ = Turn::Reading;
     return ready == TovraPlugin::kNotReadable ? Awaited::Again : Awaited::Read;
 }
@@ -273,7 +274,8 @@ bool TovraReceiver1P::beginCallersTurn()
     if (WorkerThread::currentOwner() == record_.reader()) return false;
     const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
     std::lock_guard guard(turnLock_);
-    if (turn_ != Turn::Watching || handedBack_ != nullptr || !plugin || !plugin->canWaitReadable()) return false;
+    if (turn_ != Turn::Watching || handedBack_ != nullptr || readerLeft_ || !plugin || !plugin->canWaitReadable())
+        return false;
     turn_ = Turn::Caller;
     plugin->pauseWatch();
     return true;

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -271,6 +272,83 @@ TEST_F(TcpSession, ReaderRequestsAreAnsweredThroughTheCallback)
     EXPECT_EQ(transceive(patterned(5), response), 0);
     EXPECT_EQ(response, echoOf(patterned(5)));
     EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0); // joins the callback thread before `answer` goes
+}
+
+// The first request holds the callback thread until the gate opens; every request is kept.
+struct GatedRequests {
+    std::mutex lock;
+    std::condition_variable changed;
+    bool open = false;
+    std::vector<Bytes> seen;
+    Bytes answer;
+
+    static std::int32_t TOVRA_CALL take(std::int32_t, void* context, const std::uint8_t* request,
+                                        std::uint64_t length, std::uint8_t** response, std::uint64_t* responseLength)
+    {
+        auto& self = *static_cast<GatedRequests*>(context);
+        std::unique_lock guard(self.lock);
+        self.seen.emplace_back(request, request + length);
+        self.changed.notify_all();
+        self.changed.wait(guard, [&] { return self.open; });
+        self.answer.assign(request, request + length);
+        *response = self.answer.data();
+        *responseLength = self.answer.size();
+        return 0;
+    }
+    std::size_t count()
+    {
+        std::lock_guard guard(lock);
+        return seen.size();
+    }
+    void release()
+    {
+        std::lock_guard guard(lock);
+        open = true;
+        changed.notify_all();
+    }
+};
+
+TEST_F(TcpSession, RequestsComingDuringATransceiveReachTheCallbackInOrder)
+{
+    connect();
+    GatedRequests requests;
+    ASSERT_EQ(TOVRA_SetReaderRequestCallback(reader, &requests, GatedRequests::take), 0);
+    auto late = tovra::readersim::Reply::with({0x01, 0x02});
+    late.delay = 400ms;
+    sim.setReply(0x65, late);
+
+    std::atomic<std::int32_t> result{1};
+    Bytes response;
+    std::thread waiting([&] { result = transceive({0x65, 0x00}, response); });
+    ASSERT_TRUE(waitUntil([&] { return sim.requestsSeen() >= 1; }));
+    // The second waits for the callback thread, the third for the second.
+    for (std::uint8_t i = 1; i <= 3; ++i)
+        ASSERT_TRUE(sim.sendFrame(tovra::readersim::Frame{.flags = 0x01, .payload = {0x70, i}}));
+    ASSERT_TRUE(waitUntil([&] { return requests.count() == 1; }));
+    requests.release();
+    waiting.join();
+    EXPECT_EQ(result.load(), 0);
+    EXPECT_EQ(response, (Bytes{0x65, 0x00, 0x01, 0x02}));
+    ASSERT_TRUE(waitUntil([&] { return requests.count() == 3; }));
+    EXPECT_EQ(requests.seen, (std::vector<Bytes>{{0x70, 1}, {0x70, 2}, {0x70, 3}}));
+    EXPECT_TRUE(sim.waitForFrames(4, 5000ms)) << "the request and three responses";
+    EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
+}
+
+TEST_F(TcpSession, TerminateReleasesAWaitingTransceive)
+{
+    connect();
+    ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 60000), 0);
+    sim.setFault(FaultKind::silence);
+    std::atomic<std::int32_t> result{1};
+    std::thread waiting([&] {
+        Bytes response;
+        result = transceive(patterned(4), response);
+    });
+    ASSERT_TRUE(waitUntil([&] { return sim.requestsSeen() >= 1; }));
+    EXPECT_EQ(TOVRA_Terminate(reader), 0);
+    waiting.join();
+    EXPECT_EQ(result.load(), -5011);
 }
 
 TEST_F(TcpSession, FourApplicationThreadsShareOneReader)
