@@ -18,7 +18,7 @@ using logging::hex;
 constexpr std::uint32_t kTrace = logcat::Tcp;
 constexpr std::uint32_t kError = logcat::Error | logcat::Tcp;
 
-// How long one wait on the listen socket lasts; a stop wakes it at once.
+// How long one wait on the listen socket lasts when no waker could be made to end it.
 constexpr int kWaitMs = 300;
 constexpr auto kGateWait = std::chrono::milliseconds(100);
 constexpr auto kRetryPause = std::chrono::milliseconds(100);
@@ -197,11 +197,12 @@ void TovraListenerTcp::run()
 void TovraListenerTcp::serveOne()
 {
     const platform::SocketHandle listenSocket = listenEndpoint_.socket();
-    // Right after a refusal only a request that is already queued is taken at once.
-    const int timeout = refusing_ ? 0 : kWaitMs;
-    const int ready = waker_.socket() != platform::kInvalidSocket
-                          ? platform::waitReadableOrWoken(listenSocket, waker_.socket(), timeout)
-                          : platform::waitSocket(listenSocket, true, false, timeout);
+    // Right after a refusal only a request that is already queued is taken at once. With a
+    // waker, a stop ends the wait: an idle listener sleeps until a reader comes.
+    const bool wakeable = waker_.socket() != platform::kInvalidSocket;
+    const int timeout = refusing_ ? 0 : wakeable ? -1 : kWaitMs;
+    const int ready = wakeable ? platform::waitReadableOrWoken(listenSocket, waker_.socket(), timeout)
+                               : platform::waitSocket(listenSocket, true, false, timeout);
     if (ready > 0 && (ready & platform::kWaitWoken) != 0) {
         waker_.drain();
         if ((ready & platform::kWaitReadable) == 0) return;
