@@ -3,6 +3,7 @@
 #include "readersim/reader_sim.h"
 #include "support/error_log.h"
 #include "support/process_counts.h"
+#include "support/repeat.h"
 #include "support/wait.h"
 #include "tovra/tovra.h"
 
@@ -332,6 +333,30 @@ TEST_F(TcpSession, RequestsComingDuringATransceiveReachTheCallbackInOrder)
     ASSERT_TRUE(waitUntil([&] { return requests.count() == 3; }));
     EXPECT_EQ(requests.seen, (std::vector<Bytes>{{0x70, 1}, {0x70, 2}, {0x70, 3}}));
     EXPECT_TRUE(sim.waitForFrames(4, 5000ms)) << "the request and three responses";
+    EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
+}
+
+TEST_F(TcpSession, ExchangesAndReaderRequestsCrossThousandsOfTimes)
+{
+    connect();
+    Bytes answer;
+    ASSERT_EQ(TOVRA_SetReaderRequestCallback(reader, &answer, answerRequest), 0);
+    const int rounds = tovra::test::repeat(2000);
+    std::atomic<int> wrongAnswers{0};
+    std::thread readerSide([&] {
+        for (int i = 0; i < rounds / 4; ++i)
+            if (sim.sendRequest({0x70, static_cast<std::uint8_t>(i)}) != Bytes{0x70, static_cast<std::uint8_t>(i), 0xAA})
+                ++wrongAnswers;
+    });
+    int wrongResponses = 0;
+    for (int i = 0; i < rounds; ++i) {
+        Bytes response;
+        const Bytes request = patterned(3 + i % 7);
+        if (transceive(request, response) != 0 || response != echoOf(request)) ++wrongResponses;
+    }
+    readerSide.join();
+    EXPECT_EQ(wrongResponses, 0);
+    EXPECT_EQ(wrongAnswers.load(), 0);
     EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
 }
 
