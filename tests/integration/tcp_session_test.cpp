@@ -219,21 +219,26 @@ TEST_F(TcpSession, ReaderLeavingEndsAWaitingTransceive)
     }
 }
 
-TEST_F(TcpSession, DisconnectByHostReleasesAWaitingTransceive)
+TEST_F(TcpSession, DisconnectOrTerminateReleasesAWaitingTransceive)
 {
-    connect();
-    ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 60000), 0);
-    sim.setFault(FaultKind::silence);
-    std::atomic<std::int32_t> result{1};
-    std::thread waiting([&] {
-        Bytes response;
-        result = transceive(patterned(4), response);
-    });
-    ASSERT_TRUE(waitUntil([&] { return sim.requestsSeen() >= 1; }));
-    EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
-    waiting.join();
-    EXPECT_EQ(result.load(), -5011);
-    EXPECT_STREQ(TOVRA_GetConnectionState(reader), "SingleCh=Discon");
+    // Terminate last: the reader takes no connection after it.
+    for (const bool terminate : {false, true}) {
+        connect();
+        ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 60000), 0);
+        sim.setFault(FaultKind::silence);
+        const std::size_t seen = sim.requestsSeen();
+        std::atomic<std::int32_t> result{1};
+        std::thread waiting([&] {
+            Bytes response;
+            result = transceive(patterned(4), response);
+        });
+        ASSERT_TRUE(waitUntil([&] { return sim.requestsSeen() > seen; }));
+        EXPECT_EQ(terminate ? TOVRA_Terminate(reader) : TOVRA_DisconnectByHost(reader), 0);
+        waiting.join();
+        EXPECT_EQ(result.load(), -5011);
+        if (!terminate) EXPECT_STREQ(TOVRA_GetConnectionState(reader), "SingleCh=Discon");
+        sim.clearFault();
+    }
 }
 
 std::int32_t TOVRA_CALL answerRequest(std::int32_t, void* context, const std::uint8_t* request, std::uint64_t length,
@@ -358,22 +363,6 @@ TEST_F(TcpSession, ExchangesAndReaderRequestsCrossThousandsOfTimes)
     EXPECT_EQ(wrongResponses, 0);
     EXPECT_EQ(wrongAnswers.load(), 0);
     EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
-}
-
-TEST_F(TcpSession, TerminateReleasesAWaitingTransceive)
-{
-    connect();
-    ASSERT_EQ(TOVRA_SetReceiveTimeout(reader, 60000), 0);
-    sim.setFault(FaultKind::silence);
-    std::atomic<std::int32_t> result{1};
-    std::thread waiting([&] {
-        Bytes response;
-        result = transceive(patterned(4), response);
-    });
-    ASSERT_TRUE(waitUntil([&] { return sim.requestsSeen() >= 1; }));
-    EXPECT_EQ(TOVRA_Terminate(reader), 0);
-    waiting.join();
-    EXPECT_EQ(result.load(), -5011);
 }
 
 TEST_F(TcpSession, FourApplicationThreadsShareOneReader)
