@@ -369,8 +369,9 @@ std::int32_t TovraPluginTcp::pliReceive(std::int32_t portHandle, std::uint8_t* b
 std::int32_t TovraPluginTcp::receiveWithin(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize,
                                            int waitMs)
 try {
-    TOVRA_LOG_TRACE(logger(), kTrace, "Start receive PH=0x", hex(portHandle));
     if (buffer == nullptr) bufferSize = 0;
+    if (quiet()) return receiveQuietly(buffer, bufferSize, waitMs);
+    TOVRA_LOG_TRACE(logger(), kTrace, "Start receive PH=0x", hex(portHandle));
     const platform::SocketHandle s = endpoint_.socket();
     frame_.clear();
     std::size_t count = 0;
@@ -429,30 +430,83 @@ try {
         unread = available - static_cast<long>(read);
         TOVRA_LOG_TRACE(logger(), kTrace, "Read ", read, " bytes");
         now = platform::monotonicMicros();
-
-        if (expected == kHeaderLength) {
-            // Recomputed after every read until the header is complete; each such read
-            // gives the frame a fresh time-out.
-            expected = expectedLength(frame_, count + read);
-            TOVRA_LOG_TRACE(logger(), kTrace, "Expected protocol length: ", expected, " bytes");
-            // A declared length below the header length still hands out the whole header.
-            if (std::max(expected, count + read) > std::min(bufferSize, ProtocolFrame::maxLength)) {
-                TOVRA_LOG_ERROR(logger(), kError, "Buffer overflow: protocol too long");
-                return fail(tcperr::BufferOverflow);
-            }
-            deadline = now + std::int64_t{receiveTimeout_} * 1000;
-        }
-        count += read;
-        // A declared length of 0, 1 or 2 is already passed by the header: the three bytes go
-        // out as the frame, which the frame check then rejects, and the stream stays in step.
-        if (count >= expected) {
-            std::memcpy(buffer, frame_.bytes.data(), count);
-            frame_.length = count;
-            return static_cast<std::int32_t>(count);
-        }
+        if (const std::int32_t result = assembled(read, count, expected, deadline, buffer, bufferSize); result != -1)
+            return result;
     }
 } catch (...) {
     return fail(tcperr::ReceiveFailed);
+}
+
+std::int32_t TovraPluginTcp::assembled(std::size_t read, std::size_t& count, std::size_t& expected,
+                                       std::int64_t& deadline, std::uint8_t* buffer, std::size_t bufferSize)
+{
+    if (expected == kHeaderLength) {
+        // Recomputed after every read until the header is complete; each such read gives
+        // the frame a fresh time-out.
+        expected = expectedLength(frame_, count + read);
+        TOVRA_LOG_TRACE(logger(), kTrace, "Expected protocol length: ", expected, " bytes");
+        // A declared length below the header length still hands out the whole header.
+        if (std::max(expected, count + read) > std::min(bufferSize, ProtocolFrame::maxLength)) {
+            TOVRA_LOG_ERROR(logger(), kError, "Buffer overflow: protocol too long");
+            return fail(tcperr::BufferOverflow);
+        }
+        deadline = platform::monotonicMicros() + std::int64_t{receiveTimeout_} * 1000;
+    }
+    count += read;
+    // A declared length of 0, 1 or 2 is already passed by the header: the three bytes go out
+    // as the frame, which the frame check then rejects, and the stream stays in step.
+    if (count < expected) return -1;
+    std::memcpy(buffer, frame_.bytes.data(), count);
+    frame_.length = count;
+    return static_cast<std::int32_t>(count);
+}
+
+std::int32_t TovraPluginTcp::receiveQuietly(std::uint8_t* buffer, std::size_t bufferSize, int waitMs)
+{
+    const platform::SocketHandle s = endpoint_.socket();
+    frame_.clear();
+    std::size_t count = 0;
+    std::size_t expected = kHeaderLength;
+    std::int64_t deadline = platform::monotonicMicros() + std::int64_t{std::min(waitMs, receiveTimeout_)} * 1000;
+    // The rest of a frame whose start came is read without a wait first: it is usually there.
+    bool mayRead = false;
+    for (;;) {
+        if (!mayRead) {
+            const std::int64_t now = platform::monotonicMicros();
+            if (now >= deadline) return err::ReceivePending;
+            const int ready = platform::waitSocket(s, true, false, static_cast<int>((deadline - now + 999) / 1000));
+            if (ready < 0) {
+                TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
+                return fail(tcperr::ReceiveFailed);
+            }
+            if (ready == 0) return err::ReceivePending;
+            if ((ready & platform::kWaitReadable) == 0) {
+                TOVRA_LOG_ERROR(logger(), kError, "FD_ISSET failed: Should never happen");
+                return fail(tcperr::ReceiveFailed);
+            }
+        }
+        const std::ptrdiff_t got = platform::recvBytes(s, frame_.bytes.data() + count, expected - count);
+        if (got <= 0) {
+            const int error = got < 0 ? platform::lastSocketError() : 0;
+            if (got < 0 && platform::isWouldBlock(error)) {
+                mayRead = false;
+                continue;
+            }
+            // The count query, which follows a wait for every byte it has not reported, would
+            // have found nothing to read.
+            if (got == 0 || platform::isConnectionReset(error)) {
+                TOVRA_LOG_ERROR(logger(), kError, "Zero bytes available: Disconnect by peer");
+                return fail(err::DisconnectedByPeer);
+            }
+            TOVRA_LOG_ERROR(logger(), kError, "Receive failed: ", natError(error));
+            return fail(tcperr::ReceiveFailed);
+        }
+        if (const std::int32_t result =
+                assembled(static_cast<std::size_t>(got), count, expected, deadline, buffer, bufferSize);
+            result != -1)
+            return result;
+        mayRead = true;
+    }
 }
 
 std::int32_t TovraPluginTcp::pliPutParam(std::int32_t portHandle, const char* key, const char*)
