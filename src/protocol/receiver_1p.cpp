@@ -97,6 +97,13 @@ ProtocolFrame* TovraReceiver1P::unusedBuffer()
     return nullptr;
 }
 
+bool TovraReceiver1P::anyUnused() const
+{
+    for (const auto& used : inUse_)
+        if (!used.load(std::memory_order_acquire)) return true;
+    return false;
+}
+
 void TovraReceiver1P::markRequest(const ProtocolFrame& frame)
 {
     for (std::size_t i = 0; i < kBuffers; ++i)
@@ -237,7 +244,8 @@ TovraReceiver1P::Awaited TovraReceiver1P::awaitData()
         turnChanged_.wait(lock, [this] { return turn_ != Turn::Caller || thread_.stopRequested(); });
         if (thread_.stopRequested()) return Awaited::Again;
         if (takeOverFromCaller(lock)) return readerLeft_ ? Awaited::ReaderLeft : Awaited::Again;
-        if (!plugin || !plugin->canWaitReadable()) return Awaited::Read;
+        // With every buffer in use the loop goes on as it always does, data or not.
+        if (!plugin || !plugin->canWaitReadable() || !anyUnused()) return Awaited::Read;
         turn_ = Turn::Watching;
     }
     const int ready = plugin->watchReadable();
@@ -253,6 +261,8 @@ bool TovraReceiver1P::takeOverFromCaller(std::unique_lock<std::mutex>& lock)
     if (readerLeft_) return true;
     ProtocolFrame* request = std::exchange(handedBack_, nullptr);
     if (request == nullptr) return false;
+    // No caller reads, and delivers, ahead of it meanwhile.
+    turn_ = Turn::Reading;
     lock.unlock();
     // Waits for the callback thread to take it, as a request read here would.
     if (!callback_.deliverRequest(*request)) release(*request);

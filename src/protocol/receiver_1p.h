@@ -64,6 +64,7 @@ private:
     // The connection is closed once this thread has ended: a caller reading gives it back first.
     void endTurns();
     ProtocolFrame* unusedBuffer();
+    bool anyUnused() const;
     // No buffer will come free by itself: none holds a request that the callback thread
     // is answering.
     bool noRequestPending() const;
