@@ -29,23 +29,7 @@ bool TovraAppCallback1P::start(bool connectedByReader)
         pendingRequest_ = nullptr;
         mayRun_ = false;
     }
-    {
-        std::lock_guard guard(startLock_);
-        threadStarted_ = false;
-    }
-    return !connectedByReader || ensureThread();
-}
-
-bool TovraAppCallback1P::ensureThread()
-{
-    std::lock_guard guard(startLock_);
-    if (threadStarted_) return true;
-    try {
-        threadStarted_ = thread_.start(record_.reader(), [this] { run(); });
-    } catch (...) {
-        TOVRA_LOG_ERROR(record_.logger(), logcat::Error | logcat::Reader, "1port application callback: thread not started");
-    }
-    return threadStarted_;
+    return thread_.start(record_.reader(), [this] { run(); });
 }
 
 void TovraAppCallback1P::letRun()
@@ -65,7 +49,6 @@ void TovraAppCallback1P::waitUntilLetRun()
 
 bool TovraAppCallback1P::deliverRequest(ProtocolFrame& frame)
 {
-    if (!ensureThread()) return false;
     {
         std::unique_lock lock(lock_);
         // One request waits at a time, as the receiver would block on a busy taker.
@@ -79,7 +62,6 @@ bool TovraAppCallback1P::deliverRequest(ProtocolFrame& frame)
 
 TovraAppCallback1P::Delivery TovraAppCallback1P::tryDeliverRequest(ProtocolFrame& frame)
 {
-    if (!ensureThread()) return Delivery::Closed;
     {
         std::lock_guard guard(lock_);
         if (deliveryClosed_.load()) return Delivery::Closed;
@@ -100,26 +82,14 @@ void TovraAppCallback1P::closeDelivery()
 void TovraAppCallback1P::signalEnd(bool disconnectedByReader)
 {
     if (disconnectedByReader) disconnectedByReader_.store(true);
-    // Whoever ends the connection, its thread reports and closes it: started first, since a
-    // start clears the stop.
-    const bool running = ensureThread();
     thread_.requestStop();
     closeDelivery();
-    if (!running) endWithoutThread();
-}
-
-void TovraAppCallback1P::endWithoutThread()
-{
-    TovraReader* reader = record_.reader();
-    if (disconnectedByReader_.load() && reader != nullptr) reader->disconnectedByReader(record_);
-    closeConnection();
 }
 
 void TovraAppCallback1P::terminate()
 {
     if (!thread_.exists()) return;
-    thread_.requestStop();
-    closeDelivery();
+    signalEnd(false);
     letRun(); // a thread that never got going ends too
     thread_.join();
 }

@@ -23,8 +23,7 @@ public:
     void attachReceiver(TovraReceiver1P& receiver) { receiver_ = &receiver; }
 
     // The thread waits for letRun() before it calls the application, so that whatever a
-    // callback does to the connection finds the receiver started. A connection the host made
-    // gets its thread with the reader's first request, or when it ends.
+    // callback does to the connection finds the receiver started.
     bool start(bool connectedByReader);
     void letRun();
     // Hands a request over; waits while the previous one has not been taken yet.
@@ -46,11 +45,7 @@ public:
     bool isCurrent() const { return thread_.isCurrent(); }
 
 private:
-    // Starts the thread of this connection unless it runs already; false when it cannot.
-    bool ensureThread();
     void run();
-    // The end of a connection whose thread could not start, on the calling thread.
-    void endWithoutThread();
     void waitUntilLetRun();
     // The next request, or null once the thread is to end.
     ProtocolFrame* nextRequest();
@@ -69,8 +64,6 @@ private:
     std::atomic<bool> endAfterCallback_{false};
     std::mutex lock_;
     std::condition_variable changed_;
-    std::mutex startLock_;
-    bool threadStarted_ = false; // for this connection
     WorkerThread thread_;
 };
 
