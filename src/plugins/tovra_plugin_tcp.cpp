@@ -386,17 +386,7 @@ try {
         if (now >= deadline) return err::ReceivePending;
         long available = unread;
         if (available <= 0) {
-            const auto leftMs = static_cast<int>((deadline - now + 999) / 1000);
-            const int ready = platform::waitSocket(s, true, false, leftMs);
-            if (ready < 0) {
-                TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
-                return fail(tcperr::ReceiveFailed);
-            }
-            if (ready == 0) return err::ReceivePending;
-            if ((ready & platform::kWaitReadable) == 0) {
-                TOVRA_LOG_ERROR(logger(), kError, "FD_ISSET failed: Should never happen");
-                return fail(tcperr::ReceiveFailed);
-            }
+            if (const std::int32_t waited = waitForData(s, deadline - now); waited != err::Ok) return waited;
             available = platform::availableBytes(s);
             if (available < 0) {
                 TOVRA_LOG_ERROR(logger(), kError, "Receive failed: ", natError());
@@ -437,6 +427,21 @@ try {
     return fail(tcperr::ReceiveFailed);
 }
 
+std::int32_t TovraPluginTcp::waitForData(platform::SocketHandle s, std::int64_t leftMicros)
+{
+    const int ready = platform::waitSocket(s, true, false, static_cast<int>((leftMicros + 999) / 1000));
+    if (ready < 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
+        return fail(tcperr::ReceiveFailed);
+    }
+    if (ready == 0) return err::ReceivePending;
+    if ((ready & platform::kWaitReadable) == 0) {
+        TOVRA_LOG_ERROR(logger(), kError, "FD_ISSET failed: Should never happen");
+        return fail(tcperr::ReceiveFailed);
+    }
+    return err::Ok;
+}
+
 std::int32_t TovraPluginTcp::assembled(std::size_t read, std::size_t& count, std::size_t& expected,
                                        std::int64_t& deadline, std::uint8_t* buffer, std::size_t bufferSize)
 {
@@ -472,18 +477,9 @@ std::int32_t TovraPluginTcp::receiveQuietly(std::uint8_t* buffer, std::size_t bu
     bool mayRead = false;
     for (;;) {
         if (!mayRead) {
-            const std::int64_t now = platform::monotonicMicros();
-            if (now >= deadline) return err::ReceivePending;
-            const int ready = platform::waitSocket(s, true, false, static_cast<int>((deadline - now + 999) / 1000));
-            if (ready < 0) {
-                TOVRA_LOG_ERROR(logger(), kError, "Select failed: ", natError());
-                return fail(tcperr::ReceiveFailed);
-            }
-            if (ready == 0) return err::ReceivePending;
-            if ((ready & platform::kWaitReadable) == 0) {
-                TOVRA_LOG_ERROR(logger(), kError, "FD_ISSET failed: Should never happen");
-                return fail(tcperr::ReceiveFailed);
-            }
+            const std::int64_t left = deadline - platform::monotonicMicros();
+            if (left <= 0) return err::ReceivePending;
+            if (const std::int32_t waited = waitForData(s, left); waited != err::Ok) return waited;
         }
         const std::ptrdiff_t got = platform::recvBytes(s, frame_.bytes.data() + count, expected - count);
         if (got <= 0) {

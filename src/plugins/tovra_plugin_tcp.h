@@ -64,6 +64,8 @@ private:
     // The same frame as the traced receive, read without asking for the byte count first:
     // with the records off nothing shows the difference, and a frame costs a call less.
     std::int32_t receiveQuietly(std::uint8_t* buffer, std::size_t bufferSize, int waitMs);
+    // Until the socket has data: 0, the pending value when the time is up, or the failure.
+    std::int32_t waitForData(platform::SocketHandle s, std::int64_t leftMicros);
     // The end of a frame's assembly: the header read, or the whole frame copied out.
     // -1 while the frame goes on, else the receive's result.
     std::int32_t assembled(std::size_t read, std::size_t& count, std::size_t& expected, std::int64_t& deadline,
