@@ -249,6 +249,9 @@ void TovraReader::disconnectByHost()
         TOVRA_LOG_TRACE(logger_, logcat::Reader, "... bi-dir disconnected by host");
         return;
     }
+    // A connect claims the channel before it waits for the lifecycle lock: until it has its
+    // port there is nothing to end, and retiring now would free the channel under it.
+    if (!record.connected()) return;
     // A transceive that waits is woken and returns before the plugin is closed.
     record.abortPluginReceive();
     record.receive().abort();
