@@ -81,6 +81,19 @@ std::ptrdiff_t recvDatagram(SocketHandle socket, void* buffer, std::size_t lengt
 // Bytes that can be read without waiting (FIONREAD), or -1 on failure.
 long availableBytes(SocketHandle socket);
 
+// --- Streams whose receive waits in the call --------------------------------
+// A connected stream set up so that a receive can wait for its data inside the call itself
+// (one system call where a wait and a read would take two) while sends never wait for room:
+// blocking with non-waiting sends on Linux, non-blocking on Windows.
+bool setWaitingReceive(SocketHandle socket);
+// A send on such a stream: what fits now, -1 with isWouldBlock() when nothing does.
+std::ptrdiff_t sendNow(SocketHandle socket, const void* data, std::size_t length);
+// Up to `length` bytes, waiting at most timeoutMs (at least 1) for the first: the count, 0 at
+// the end of the stream, -1 on failure or, with isWouldBlock(lastSocketError()), when the
+// time is up. `waitSet` keeps between calls what the socket's wait was last set to: start
+// it at -1 for a new socket.
+std::ptrdiff_t recvWithin(SocketHandle socket, void* buffer, std::size_t length, int timeoutMs, int& waitSet);
+
 // Waits until the socket is readable and/or writable, as requested.
 // Result: -1 on failure, 0 on time-out, otherwise a combination of the flags
 // below. A socket with a pending error or hang-up counts as ready for every

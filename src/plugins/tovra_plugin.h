@@ -52,6 +52,9 @@ public:
     virtual void pauseWatch() {}
     virtual void resumeWatch() {}
     virtual void wakeWatch() {}
+    // Input already taken from the port and not yet received: a receive needs no wait for
+    // it, and no watch would report it.
+    virtual bool hasBufferedInput() const { return false; }
     // pliReceive, waiting at most waitMs for the start of a frame.
     virtual std::int32_t receiveWithin(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize,
                                        int /*waitMs*/)

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 namespace tovra {
 namespace {
@@ -165,11 +166,14 @@ bool TovraPluginTcp::blockingConnect()
         TOVRA_LOG_ERROR(logger(), kError, "Blocking connect failed: ", natError(error));
         return false;
     }
-    if (!platform::setNonBlocking(s, true)) {
-        TOVRA_LOG_ERROR(logger(), kError, "Set socket nonblocking failed: ", natError());
-        return false;
-    }
-    return true;
+    return waitingReceive();
+}
+
+bool TovraPluginTcp::waitingReceive()
+{
+    if (platform::setWaitingReceive(endpoint_.socket())) return true;
+    TOVRA_LOG_ERROR(logger(), kError, "Set socket nonblocking failed: ", natError());
+    return false;
 }
 
 bool TovraPluginTcp::nonblockingConnect(std::int32_t timeoutMs)
@@ -180,7 +184,7 @@ bool TovraPluginTcp::nonblockingConnect(std::int32_t timeoutMs)
         return false;
     }
     const int error = platform::connectSocket(s, endpoint_.address());
-    if (error == 0) return true;
+    if (error == 0) return waitingReceive();
     if (!platform::isConnectInProgress(error)) {
         TOVRA_LOG_ERROR(logger(), kError, "Non blocking connect failed: ", natError(error));
         return false;
@@ -207,7 +211,7 @@ bool TovraPluginTcp::nonblockingConnect(std::int32_t timeoutMs)
         TOVRA_LOG_ERROR(logger(), kError, "Connect with SO_ERROR=", pending);
         return false;
     }
-    return true;
+    return waitingReceive();
 }
 
 std::int32_t TovraPluginTcp::pliAccept(TovraListener* listener)
@@ -222,10 +226,7 @@ try {
     endpoint_.moveFrom(*accepted);
 
     const platform::SocketHandle s = endpoint_.socket();
-    if (!platform::setNonBlocking(s, true)) {
-        TOVRA_LOG_ERROR(logger(), kError, "Set socket nonblocking failed: ", natError());
-        return fail(tcperr::AcceptFailed);
-    }
+    if (!waitingReceive()) return fail(tcperr::AcceptFailed);
     if (!platform::setNoDelay(s, true)) TOVRA_LOG_ERROR(logger(), kError, "Set TCP_NODELAY failed: ", natError());
 
     const std::int32_t handle = newPortHandle();
@@ -307,7 +308,7 @@ void TovraPluginTcp::sendRest(const std::uint8_t* data, std::size_t length)
     while (length > 0) {
         const std::int64_t left = deadline - platform::monotonicMicros();
         if (left <= 0 || platform::waitSocket(s, false, true, static_cast<int>((left + 999) / 1000)) <= 0) break;
-        const std::ptrdiff_t sent = platform::sendBytes(s, data, length);
+        const std::ptrdiff_t sent = platform::sendNow(s, data, length);
         if (sent < 0 && !platform::isWouldBlock(platform::lastSocketError())) break;
         if (sent > 0) {
             data += sent;
@@ -333,13 +334,15 @@ int TovraPluginTcp::closeSocket()
     watch_.close();
     const int result = platform::closeSocket(s);
     endpoint_.reset();
+    stashed_ = 0;
+    waitSet_ = -1;
     return result;
 }
 
 std::int32_t TovraPluginTcp::pliTransmit(std::int32_t portHandle, const std::uint8_t* data, std::size_t length)
 try {
     TOVRA_LOG_TRACE(logger(), kTrace, "Sending ", length, " bytes PH=0x", hex(portHandle), " ...");
-    const std::ptrdiff_t sent = platform::sendBytes(endpoint_.socket(), data, length);
+    const std::ptrdiff_t sent = platform::sendNow(endpoint_.socket(), data, length);
     if (sent >= 0 && static_cast<std::size_t>(sent) == length) {
         TOVRA_LOG_TRACE(logger(), kTrace, "... done");
         return err::Ok;
@@ -373,7 +376,7 @@ try {
     if (quiet()) return receiveQuietly(buffer, bufferSize, waitMs);
     TOVRA_LOG_TRACE(logger(), kTrace, "Start receive PH=0x", hex(portHandle));
     const platform::SocketHandle s = endpoint_.socket();
-    frame_.clear();
+    std::size_t stashed = unstash();
     std::size_t count = 0;
     std::size_t expected = kHeaderLength;
     std::int64_t now = platform::monotonicMicros();
@@ -383,6 +386,19 @@ try {
     long unread = 0;
 
     for (;;) {
+        if (stashed > 0) {
+            // Read ahead by a receive while the records were off: the socket gave them already.
+            const std::size_t read = std::min(stashed, expected - count);
+            stashed -= read;
+            TOVRA_LOG_TRACE(logger(), kTrace, "Read ", read, " bytes");
+            const std::size_t end = count + read;
+            if (const std::int32_t result = assembled(read, count, expected, deadline, buffer, bufferSize);
+                result != -1) {
+                stash(end, stashed);
+                return result;
+            }
+            continue;
+        }
         if (now >= deadline) return err::ReceivePending;
         long available = unread;
         if (available <= 0) {
@@ -468,42 +484,63 @@ std::int32_t TovraPluginTcp::assembled(std::size_t read, std::size_t& count, std
 
 std::int32_t TovraPluginTcp::receiveQuietly(std::uint8_t* buffer, std::size_t bufferSize, int waitMs)
 {
-    const platform::SocketHandle s = endpoint_.socket();
-    frame_.clear();
+    std::size_t have = unstash();
     std::size_t count = 0;
     std::size_t expected = kHeaderLength;
     std::int64_t deadline = platform::monotonicMicros() + std::int64_t{std::min(waitMs, receiveTimeout_)} * 1000;
-    // The rest of a frame whose start came is read without a wait first: it is usually there.
-    bool mayRead = false;
     for (;;) {
-        if (!mayRead) {
-            const std::int64_t left = deadline - platform::monotonicMicros();
-            if (left <= 0) return err::ReceivePending;
-            if (const std::int32_t waited = waitForData(s, left); waited != err::Ok) return waited;
+        if (have == 0) {
+            const std::int32_t got = readAhead(count, deadline);
+            if (got < 0) return got;
+            have = static_cast<std::size_t>(got);
         }
-        const std::ptrdiff_t got = platform::recvBytes(s, frame_.bytes.data() + count, expected - count);
-        if (got <= 0) {
-            const int error = got < 0 ? platform::lastSocketError() : 0;
-            if (got < 0 && platform::isWouldBlock(error)) {
-                mayRead = false;
-                continue;
-            }
-            // The count query, which follows a wait for every byte it has not reported, would
-            // have found nothing to read.
-            if (got == 0 || platform::isConnectionReset(error)) {
-                TOVRA_LOG_ERROR(logger(), kError, "Zero bytes available: Disconnect by peer");
-                return fail(err::DisconnectedByPeer);
-            }
-            TOVRA_LOG_ERROR(logger(), kError, "Receive failed: ", natError(error));
-            return fail(tcperr::ReceiveFailed);
-        }
-        if (const std::int32_t result =
-                assembled(static_cast<std::size_t>(got), count, expected, deadline, buffer, bufferSize);
-            result != -1)
+        const std::size_t take = std::min(have, expected - count);
+        have -= take;
+        const std::size_t end = count + take;
+        if (const std::int32_t result = assembled(take, count, expected, deadline, buffer, bufferSize);
+            result != -1) {
+            stash(end, have);
             return result;
-        mayRead = true;
+        }
     }
 }
+
+std::int32_t TovraPluginTcp::readAhead(std::size_t count, std::int64_t deadline)
+{
+    const platform::SocketHandle s = endpoint_.socket();
+    for (;;) {
+        const std::int64_t left = deadline - platform::monotonicMicros();
+        if (left <= 0) return err::ReceivePending;
+        const std::ptrdiff_t got = platform::recvWithin(s, frame_.bytes.data() + count, ProtocolFrame::maxLength - count,
+                                                        static_cast<int>((left + 999) / 1000), waitSet_);
+        if (got > 0) return static_cast<std::int32_t>(got);
+        const int error = got < 0 ? platform::lastSocketError() : 0;
+        if (got < 0 && platform::isWouldBlock(error)) continue;
+        // The count query, which follows a wait for every byte it has not reported, would
+        // have found nothing to read.
+        if (got == 0 || platform::isConnectionReset(error)) {
+            TOVRA_LOG_ERROR(logger(), kError, "Zero bytes available: Disconnect by peer");
+            return fail(err::DisconnectedByPeer);
+        }
+        TOVRA_LOG_ERROR(logger(), kError, "Receive failed: ", natError(error));
+        return fail(tcperr::ReceiveFailed);
+    }
+}
+
+std::size_t TovraPluginTcp::unstash()
+{
+    frame_.length = 0;
+    if (stashed_ > 0 && stashAt_ > 0) std::memmove(frame_.bytes.data(), frame_.bytes.data() + stashAt_, stashed_);
+    return std::exchange(stashed_, 0);
+}
+
+void TovraPluginTcp::stash(std::size_t at, std::size_t count)
+{
+    stashAt_ = at;
+    stashed_ = count;
+}
+
+bool TovraPluginTcp::hasBufferedInput() const { return stashed_ > 0; }
 
 std::int32_t TovraPluginTcp::pliPutParam(std::int32_t portHandle, const char* key, const char*)
 try {

@@ -55,15 +55,24 @@ public:
     void wakeWatch() override;
     std::int32_t receiveWithin(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize,
                                int waitMs) override;
+    bool hasBufferedInput() const override;
     std::int32_t pliGetParam(std::int32_t portHandle, const char* key, std::string& value) override;
 
 private:
     TovraLogger& logger() const;
     // The receive's own records are off: nothing shows whether it polls or sleeps.
     bool quiet() const;
-    // The same frame as the traced receive, read without asking for the byte count first:
-    // with the records off nothing shows the difference, and a frame costs a call less.
+    // The same frame as the traced receive, read without asking for the byte count first and
+    // with whatever else the socket holds read ahead: with the records off nothing shows the
+    // difference, and a frame usually costs one call.
     std::int32_t receiveQuietly(std::uint8_t* buffer, std::size_t bufferSize, int waitMs);
+    // Bytes of the stream into frame_ after its first `count`, waiting for them until the
+    // deadline: their number, or the receive's result.
+    std::int32_t readAhead(std::size_t count, std::int64_t deadline);
+    // Moves what was read ahead to the start of frame_: its length.
+    std::size_t unstash();
+    // Keeps frame_'s `count` bytes from `at` on, read but not handed out, for the next receive.
+    void stash(std::size_t at, std::size_t count);
     // Until the socket has data: 0, the pending value when the time is up, or the failure.
     std::int32_t waitForData(platform::SocketHandle s, std::int64_t leftMicros);
     // The end of a frame's assembly: the header read, or the whole frame copied out.
@@ -71,6 +80,7 @@ private:
     std::int32_t assembled(std::size_t read, std::size_t& count, std::size_t& expected, std::int64_t& deadline,
                            std::uint8_t* buffer, std::size_t bufferSize);
     bool blockingConnect();
+    bool waitingReceive();
     bool nonblockingConnect(std::int32_t timeoutMs);
     int closeSocket();
     // The rest of a frame that a send took only in part.
@@ -84,6 +94,11 @@ private:
     mutable std::mutex closeLock_;
     platform::ReadWatch watch_; // opened by the first watchReadable()
     ProtocolFrame frame_; // assembly of the frame being received
+    // Read ahead: the stream's next bytes, at frame_.bytes[stashAt_ ..]. Only the thread that
+    // receives touches them; the one-port receiver looks at them between turns.
+    std::size_t stashAt_ = 0;
+    std::size_t stashed_ = 0;
+    int waitSet_ = -1; // the socket's receive wait as last set, ms
     bool wsaStarted_ = false;
     std::int32_t receiveTimeout_ = 300; // ms, for the header and again for the rest
     // How long the rest of a frame may wait for room before the connection is ended.

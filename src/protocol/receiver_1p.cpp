@@ -244,8 +244,10 @@ TovraReceiver1P::Awaited TovraReceiver1P::awaitData()
         turnChanged_.wait(lock, [this] { return turn_ != Turn::Caller || thread_.stopRequested(); });
         if (thread_.stopRequested()) return Awaited::Again;
         if (takeOverFromCaller(lock)) return readerLeft_ ? Awaited::ReaderLeft : Awaited::Again;
-        // With every buffer in use the loop goes on as it always does, data or not.
-        if (!plugin || !plugin->canWaitReadable() || !anyUnused()) return Awaited::Read;
+        // With every buffer in use the loop goes on as it always does, data or not. Input
+        // that a caller read ahead is there already: no watch would see it come.
+        if (!plugin || !plugin->canWaitReadable() || !anyUnused() || plugin->hasBufferedInput())
+            return Awaited::Read;
         turn_ = Turn::Watching;
     }
     const int ready = plugin->watchReadable();
@@ -299,6 +301,9 @@ void TovraReceiver1P::endCallersTurn()
         if (turn_ != Turn::Caller) return;
         turn_ = Turn::Watching;
         if (plugin) plugin->resumeWatch();
+        // The receiver sleeps on the port: what the caller read ahead would wait there for
+        // the next byte to come.
+        if (plugin && plugin->hasBufferedInput()) plugin->wakeWatch();
     }
     turnChanged_.notify_all();
 }

@@ -341,6 +341,33 @@ TEST_F(TcpSession, RequestsComingDuringATransceiveReachTheCallbackInOrder)
     EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
 }
 
+// The response and the reader's next request in one segment: nothing more comes to wake
+// anyone, yet the request is answered, whoever read the segment.
+TEST_F(TcpSession, ARequestPackedBehindAResponseIsAnsweredWithNothingMoreComing)
+{
+    using tovra::readersim::Frame;
+    connect();
+    Bytes answer;
+    ASSERT_EQ(TOVRA_SetReaderRequestCallback(reader, &answer, answerRequest), 0);
+    sim.setReply(0x65, tovra::readersim::Reply::none());
+    for (std::uint8_t i = 0; i < 200; ++i) {
+        const std::size_t frames = sim.framesReceived();
+        std::atomic<std::int32_t> result{1};
+        Bytes response;
+        std::thread host([&] { result = transceive({0x65, i}, response); });
+        ASSERT_TRUE(waitUntil([&] { return sim.framesReceived() > frames; }));
+        Bytes packed = tovra::readersim::encode(Frame{.flags = 0x02, .payload = {0x65, 0x00, i}});
+        const Bytes request = tovra::readersim::encode(Frame{.flags = 0x01, .payload = {0x70, i}});
+        packed.insert(packed.end(), request.begin(), request.end());
+        ASSERT_TRUE(sim.sendRaw(packed));
+        host.join();
+        ASSERT_EQ(result.load(), 0) << "round " << int{i};
+        EXPECT_EQ(response, (Bytes{0x65, 0x00, i}));
+        ASSERT_TRUE(sim.waitForFrames(frames + 2, 10000ms)) << "the callback's answer, round " << int{i};
+    }
+    EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
+}
+
 TEST_F(TcpSession, ExchangesAndReaderRequestsCrossThousandsOfTimes)
 {
     connect();

@@ -147,6 +147,30 @@ std::ptrdiff_t recvBytes(SocketHandle socket, void* buffer, std::size_t length) 
     return r;
 }
 
+bool setWaitingReceive(SocketHandle socket) { return setNonBlocking(socket, false); }
+
+std::ptrdiff_t sendNow(SocketHandle socket, const void* data, std::size_t length) {
+    ssize_t r;
+    do {
+        r = ::send(fd(socket), data, static_cast<std::size_t>(clampLength(length)), MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (r < 0 && errno == EINTR);
+    return r;
+}
+
+std::ptrdiff_t recvWithin(SocketHandle socket, void* buffer, std::size_t length, int timeoutMs, int& waitSet) {
+    timeoutMs = timeoutMs < 1 ? 1 : timeoutMs; // 0 would wait forever
+    if (timeoutMs != waitSet) {
+        const timeval wait{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+        if (::setsockopt(fd(socket), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) != 0) return -1;
+        waitSet = timeoutMs;
+    }
+    const ssize_t r = ::recv(fd(socket), buffer, static_cast<std::size_t>(clampLength(length)), 0);
+    // A signal ends the wait early, as the time running out would: the caller's deadline
+    // decides whether to wait again.
+    if (r < 0 && errno == EINTR) errno = EAGAIN;
+    return r;
+}
+
 std::ptrdiff_t sendDatagram(SocketHandle socket, const void* data, std::size_t length,
                             const SocketAddress& to) {
     const auto toLength = static_cast<socklen_t>(addressLength(to));

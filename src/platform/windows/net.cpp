@@ -148,6 +148,22 @@ std::ptrdiff_t recvBytes(SocketHandle socket, void* buffer, std::size_t length) 
     return r == SOCKET_ERROR ? -1 : r;
 }
 
+bool setWaitingReceive(SocketHandle socket) { return setNonBlocking(socket, true); }
+
+std::ptrdiff_t sendNow(SocketHandle socket, const void* data, std::size_t length) {
+    return sendBytes(socket, data, length);
+}
+
+std::ptrdiff_t recvWithin(SocketHandle socket, void* buffer, std::size_t length, int timeoutMs, int&) {
+    const int ready = waitSocket(socket, true, false, timeoutMs < 1 ? 1 : timeoutMs);
+    if (ready < 0) return -1;
+    if (ready == 0) {
+        ::WSASetLastError(WSAEWOULDBLOCK);
+        return -1;
+    }
+    return recvBytes(socket, buffer, length);
+}
+
 std::ptrdiff_t sendDatagram(SocketHandle socket, const void* data, std::size_t length,
                             const SocketAddress& to) {
     const int r = ::sendto(sock(socket), static_cast<const char*>(data), clampLength(length), 0,
