@@ -28,5 +28,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/tovraConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/tovraConfig.cmake ${PROJECT_BINARY_DIR}/tovraConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tovra COMPONENT dev)
 
+set(TOVRA_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH TOVRA_PC_TO_PREFIX /prefix/${TOVRA_PC_DIR} /prefix)
+string(REGEX REPLACE "/$" "" TOVRA_PC_TO_PREFIX ${TOVRA_PC_TO_PREFIX})
 configure_file(cmake/tovra.pc.in ${PROJECT_BINARY_DIR}/tovra.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/tovra.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+install(FILES ${PROJECT_BINARY_DIR}/tovra.pc DESTINATION ${TOVRA_PC_DIR} COMPONENT dev)
