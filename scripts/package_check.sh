@@ -208,6 +208,11 @@ build_with_pkg_config() {
   expect "pkg-config: headers and library inside the unpacked root" \
     paths_are "$scratch/root/usr" "$(pkg-config --variable=includedir tovra)" \
       "$(pkg-config --variable=libdir tovra)"
+  # Cross builds point PKG_CONFIG_SYSROOT_DIR at the target's root.
+  expect "pkg-config: a sysroot leaves the paths inside the unpacked root" \
+    paths_are "$scratch/root/usr" \
+      "$(PKG_CONFIG_SYSROOT_DIR=$scratch/root pkg-config --variable=includedir tovra)" \
+      "$(PKG_CONFIG_SYSROOT_DIR=$scratch/root pkg-config --variable=libdir tovra)"
   expect "pkg-config: print_version builds" \
     cc "$source_dir/examples/print_version.c" $(pkg-config --cflags --libs tovra) -o "$out/print_version"
   unset PKG_CONFIG_LIBDIR PKG_CONFIG_PATH
