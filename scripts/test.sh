@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test: Linux, AddressSanitizer + UndefinedBehaviorSanitizer,
-# ThreadSanitizer, Windows under wine, and the fuzz targets for a bounded time each.
+# ThreadSanitizer, Windows under wine, the packages made from the Linux and Windows builds,
+# and the fuzz targets for a bounded time each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -41,6 +42,11 @@ trap 'rm -f "$log"; /usr/lib/wine/wineserver -k 2>/dev/null || true' EXIT
 run_suite windows
 /usr/lib/wine/wineserver -k 2>/dev/null || true
 trap 'rm -f "$log"' EXIT
+
+echo "== packages: Debian packages and the Windows zip, unpacked and built against"
+bash scripts/package_check.sh build/linux build/windows | tee "$log"
+count=$(sed -n 's/^package check: \([0-9]*\) passed, 0 failed$/\1/p' "$log")
+passed=$((passed + ${count:-0}))
 
 echo "== fuzz: build"
 cmake --preset fuzz >/dev/null
