@@ -103,7 +103,9 @@ def load(package_dir: Path = PACKAGE_DIR, environ: Optional[Mapping[str, str]] =
             return _declare(ctypes.CDLL(candidate))
         except (OSError, AttributeError) as error:
             # AttributeError: a library by that name that lacks one of the functions.
-            tried.append(f"{candidate}: {error}")
+            reason = str(error)
+            # dlopen's reasons start with the path again.
+            tried.append(f"{candidate}: {reason.removeprefix(candidate + ': ')}")
     raise LibraryNotFoundError(tried)
 
 

@@ -68,23 +68,31 @@ class UdpDiscovery:
         self._events = queue.Queue()  # a stop's mark from an earlier run goes
         with _lock:
             _register(lib)
-            _active = self
+            # Events may come before the start returns. A start while another discovery
+            # runs fails, and must not take that one's events.
+            takes_over = _active is None
+            if takes_over:
+                _active = self
         try:
             check(lib.TOVRA_UdpManagerStartDiscover(self.interval_ms, encode(self.target)), UDP_MANAGER, "start discovery")
         except BaseException:
             with _lock:
-                if _active is self:
+                if takes_over and _active is self:
                     _active = None
             raise
+        with _lock:
+            _active = self
 
     def stop(self) -> None:
         """Stops the rounds; no event comes after it returns, and iteration ends."""
         global _active
-        check(library().TOVRA_UdpManagerStopDiscover(), UDP_MANAGER, "stop discovery")
-        with _lock:
-            if _active is self:
-                _active = None
-        self._events.put(_STOPPED)
+        try:
+            check(library().TOVRA_UdpManagerStopDiscover(), UDP_MANAGER, "stop discovery")
+        finally:
+            with _lock:
+                if _active is self:
+                    _active = None
+            self._events.put(_STOPPED)
 
     def get(self, timeout: Optional[float] = None) -> Optional[DiscoveryEvent]:
         """The next event, or None when none comes within ``timeout`` or after a stop."""
