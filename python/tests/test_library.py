@@ -89,3 +89,26 @@ print("\\n".join(lines))
     result = run_python(code, workdir, TOVRA_LIBRARY=str(library_path))
     assert result.returncode == 0, result.stderr
     assert "Not connected" in result.stdout
+
+
+def test_an_interpreter_that_exits_with_readers_and_discovery_open_ends_cleanly(library_path, workdir, simulator):
+    # Library threads that outlive the interpreter and call into it abort the process.
+    sim = simulator("--port", "0", "--udp", "0")
+    port = sim.listening_port()
+    udp_port = sim.port_from("udp: answering discovery on ")
+    code = f"""
+import tovra
+lines = []
+tovra.set_logging_parameter("[TOVRA]\\nlogreader=on\\nlogtcp=on\\n")
+tovra.set_logging_handler(lines.append)
+discovery = tovra.UdpDiscovery("address=127.0.0.1:port={udp_port}", interval_ms=50)
+discovery.start()
+assert discovery.get(timeout={PATIENCE}) is not None
+reader = tovra.Reader()
+reader.connect("tcp:IPAddress=127.0.0.1:Port={port}")
+reader.set_request_handler(lambda request: request)
+assert reader.transceive(b"\\x01") == b"\\x01\\x00"
+assert lines
+"""
+    result = run_python(code, workdir, TOVRA_LIBRARY=str(library_path), LD_LIBRARY_PATH=str(library_path.parent))
+    assert result.returncode == 0, result.stderr

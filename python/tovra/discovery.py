@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import atexit
 import ctypes
 import logging
 import queue
@@ -133,6 +134,15 @@ class UdpDiscovery:
 _lock = threading.Lock()
 _active: Optional[UdpDiscovery] = None
 _c_callback: Optional[ctypes._CFuncPtr] = None
+
+
+@atexit.register
+def _stop_active() -> None:
+    # The discovery thread would call into an interpreter that is gone.
+    with _lock:
+        running = _active
+    if running is not None:
+        running.stop()
 
 
 def _on_event(_context: Optional[int], kind: int, line: Optional[bytes]) -> None:

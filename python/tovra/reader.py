@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import atexit
 import ctypes
 import logging
 import threading
@@ -105,6 +106,15 @@ class _Callbacks:
 # dropped without close() must not take callbacks the library may still call with it.
 _registered: dict[int, _Callbacks] = {}
 _registered_lock = threading.Lock()
+
+
+@atexit.register
+def _delete_remaining() -> None:
+    # Library threads of a reader left open would call into an interpreter that is gone.
+    with _registered_lock:
+        handles = list(_registered)
+    for handle in handles:
+        library().TOVRA_Delete(handle)
 
 
 class Reader:
