@@ -27,9 +27,13 @@ def test_a_reader_found_is_reached_through_its_line_and_reported_lost(simulator)
         assert found.line.startswith("UDP:") and f"Port={port}" in found.line
         assert found in handled
 
+        second = UdpDiscovery()
         with pytest.raises(TovraError) as raised:
-            UdpDiscovery().start()
+            second.start()
         assert raised.value.code == ErrorCode.DISCOVERY_RUNNING
+        assert "5032" in raised.value.text
+        with pytest.raises(TovraError):
+            second.stop()  # must leave the running discovery alone
 
         with Reader() as reader:
             reader.connect(found.connector)

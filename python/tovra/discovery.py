@@ -14,7 +14,7 @@ from typing import Callable, Iterator, Optional, Union
 
 from tovra import _library
 from tovra._library import encode, library, text
-from tovra.errors import check
+from tovra.errors import ErrorCode, TovraError, check
 
 logger = logging.getLogger("tovra")
 
@@ -85,15 +85,22 @@ class UdpDiscovery:
             _active = self
 
     def stop(self) -> None:
-        """Stops the rounds; no event comes after it returns, and iteration ends."""
+        """Stops the rounds; no event comes after it returns, and iteration ends.
+
+        Refused from inside a handler, and for a discovery that is not running.
+        """
         global _active
-        try:
-            check(library().TOVRA_UdpManagerStopDiscover(), UDP_MANAGER, "stop discovery")
-        finally:
+        with _lock:
+            running = _active is self
+        if not running:  # the library's discovery may be another object's
+            raise TovraError(ErrorCode.DISCOVERY_NOT_RUNNING, "this discovery is not running", "stop discovery")
+        result = library().TOVRA_UdpManagerStopDiscover()
+        if result >= 0 or result == ErrorCode.DISCOVERY_NOT_RUNNING:
             with _lock:
                 if _active is self:
                     _active = None
             self._events.put(_STOPPED)
+        check(result, UDP_MANAGER, "stop discovery")
 
     def get(self, timeout: Optional[float] = None) -> Optional[DiscoveryEvent]:
         """The next event, or None when none comes within ``timeout`` or after a stop."""
