@@ -71,18 +71,25 @@ def test_failing_handlers_are_logged_and_the_reader_keeps_answering(listening, s
             raise ValueError("request handler broke")
         if request == b"\x02":
             return bytes(40000)  # more than a response may hold
+        if request == b"\x03":
+            return 3  # type: ignore[return-value]  # not bytes: must not become b"\0\0\0"
         return b"\x04\x00"
 
     reader.set_connection_handlers(connected=connected)
     reader.set_request_handler(answer)
     with caplog.at_level(logging.ERROR, logger="tovra"):
-        sim = simulator("--connect", address, "--request", "01", "--request", "02", "--request", "04")
+        sim = simulator("--connect", address, "--request", "01", "--request", "02", "--request", "03", "--request", "04")
         sim.wait_for_line("request 01 unanswered")
         sim.wait_for_line("request 02 unanswered")
+        sim.wait_for_line("request 03 unanswered")
         sim.wait_for_line("request 04 answered 0400")
 
     failures = {record.exc_info[1].args[0] for record in caplog.records if record.exc_info}
-    assert failures == {"connected handler broke", "request handler broke"}
+    assert failures == {
+        "connected handler broke",
+        "request handler broke",
+        "a request handler returns bytes or None, not int",
+    }
     assert any("40000 bytes" in record.getMessage() for record in caplog.records)
 
 

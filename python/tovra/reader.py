@@ -68,7 +68,10 @@ class _Callbacks:
             handler = self.request
             if handler is None:
                 return _NO_ANSWER
-            answer = handler(ctypes.string_at(request, length) if length else b"")
+            returned = handler(ctypes.string_at(request, length) if length else b"")
+            if returned is not None and not isinstance(returned, (bytes, bytearray, memoryview)):
+                raise TypeError(f"a request handler returns bytes or None, not {type(returned).__name__}")
+            answer = bytes(returned) if returned is not None else b""
             if not answer:
                 return _NO_ANSWER
             if len(answer) > response_length[0]:
@@ -77,7 +80,7 @@ class _Callbacks:
                     handle, len(answer), response_length[0],
                 )
                 return _NO_ANSWER
-            self._answer = ctypes.create_string_buffer(bytes(answer), len(answer))
+            self._answer = ctypes.create_string_buffer(answer, len(answer))
             response[0] = ctypes.addressof(self._answer)
             response_length[0] = len(answer)
             return 0
