@@ -8,6 +8,7 @@ packages=(
   clang libclang-rt-14-dev
   g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64
   dpkg-dev file
+  python3 python3-pytest python3-venv python3-pip python3-setuptools python3-wheel
 )
 
 missing=()

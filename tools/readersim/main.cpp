@@ -6,11 +6,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 using namespace tovra::readersim;
 
@@ -24,6 +26,9 @@ const char* const kUsage =
     "                        (0: the system chooses), announcing the listening reader\n"
     "  --udp-any             answer discovery on every local address (broadcasts too)\n"
     "  --connect HOST:PORT   connect to a listening host instead (127.0.0.1:N, [::1]:N)\n"
+    "  --request HEX         with --connect: once connected, send HEX as a reader request\n"
+    "                        and print \"request HEX answered HEX\" or \"request HEX unanswered\"\n"
+    "                        (repeatable, sent in order, each waiting up to 5 s)\n"
     "  --pty LINE            serve a pseudo-terminal instead, answering only at LINE\n"
     "                        (9600:8E1, \"9600 8E1\"); prints the port's path first\n"
     "  --reply CMD=HEX[/ST]  answer command CMD (hex) with status ST and data HEX\n"
@@ -125,6 +130,25 @@ std::optional<Fault> parseFault(const std::string& text) {
     return fault;
 }
 
+std::string hexText(const std::vector<std::uint8_t>& bytes) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string text;
+    for (const auto byte : bytes) {
+        text += digits[byte >> 4];
+        text += digits[byte & 0x0F];
+    }
+    return text;
+}
+
+// The reader's own requests, one after another, each reported on one line.
+void sendRequests(ReaderSim& sim, const std::vector<std::vector<std::uint8_t>>& requests,
+                  const std::function<void(const std::string&)>& print) {
+    for (const auto& request : requests) {
+        const auto answer = sim.sendRequest(request);
+        print("request " + hexText(request) + (answer ? " answered " + hexText(*answer) : " unanswered"));
+    }
+}
+
 int usageError(const std::string& message) {
     std::fprintf(stderr, "tovra-readersim: %s\n%s", message.c_str(), kUsage);
     return 2;
@@ -139,6 +163,7 @@ int main(int argc, char** argv) {
     unsigned long port = 0;
     std::optional<unsigned long> udpPort;
     std::string connectTo;
+    std::vector<std::vector<std::uint8_t>> requests;
     std::optional<LineSettings> pty;
     std::optional<Fault> fault;
     std::optional<unsigned long> faultCount;
@@ -169,6 +194,10 @@ int main(int argc, char** argv) {
         } else if (option == "--connect") {
             if (!needsValue()) return usageError("--connect needs HOST:PORT");
             connectTo = value;
+        } else if (option == "--request") {
+            const auto bytes = needsValue() ? hexBytes(value) : std::nullopt;
+            if (!bytes || bytes->empty()) return usageError("--request needs hex bytes");
+            requests.push_back(*bytes);
         } else if (option == "--pty") {
             pty = needsValue() ? LineSettings::parse(value) : std::nullopt;
             if (!pty) return usageError("--pty needs line settings such as 9600:8E1");
@@ -197,6 +226,7 @@ int main(int argc, char** argv) {
     if ((udpPort || udpAny) && (pty || !connectTo.empty() || ipv6)) {
         return usageError("--udp announces a reader listening on 127.0.0.1: not with --pty, --connect or --ipv6");
     }
+    if (!requests.empty() && connectTo.empty()) return usageError("--request goes with --connect");
     if (udpAny && !udpPort) return usageError("--udp-any goes with --udp");
     if (fault) {
         if (faultCount) fault->count = static_cast<int>(*faultCount);
@@ -225,6 +255,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "tovra-readersim: cannot connect to %s\n", connectTo.c_str());
             return 1;
         }
+        sendRequests(sim, requests, print);
     } else if (!sim.listen(static_cast<std::uint16_t>(port), ipv6)) {
         std::fprintf(stderr, "tovra-readersim: cannot listen on port %lu\n", port);
         return 1;
