@@ -63,8 +63,8 @@ extern "C" {
  * The first three run on a thread of the library that serves one connection: in a
  * one-port module the connection's callback thread, in a two-port module the reader
  * channel's thread. That thread has a stack of 256 KiB: keep large buffers off the stack.
- * One connection's callbacks never overlap; callbacks of different readers, and of a new
- * connection and the end of the previous one, may.
+ * One connection's callbacks never overlap, and a new connection's come only after the
+ * previous one's have returned; callbacks of different readers may run at the same time.
  *
  * From inside them an application may call any `TOVRA_*` function on any reader, its own
  * included:
