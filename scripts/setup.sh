@@ -9,6 +9,7 @@ packages=(
   g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64
   dpkg-dev file
   python3 python3-pytest python3-venv python3-pip python3-setuptools python3-wheel
+  doxygen
 )
 
 missing=()
