@@ -181,7 +181,9 @@ std::vector<Shown> framesOfLine(const std::string& line) {
         return {};
     }
     std::vector<std::vector<std::string>> values;
-    for (const auto& column : columns) values.push_back(column.empty() ? std::vector<std::string>{} : split(column, ';'));
+    for (const auto& column : columns) {
+        values.push_back(column.empty() ? std::vector<std::string>{} : split(column, ';'));
+    }
     std::vector<Shown> frames;
     std::size_t statuses = 0;
     for (std::size_t i = 0; i < values[1].size(); ++i) {

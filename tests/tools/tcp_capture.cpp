@@ -29,7 +29,9 @@ void putLittle32(Bytes& out, std::uint32_t value) {
 
 std::uint16_t ipChecksum(std::span<const std::uint8_t> header) {
     std::uint32_t sum = 0;
-    for (std::size_t i = 0; i + 1 < header.size(); i += 2) sum += static_cast<std::uint32_t>(header[i] << 8 | header[i + 1]);
+    for (std::size_t i = 0; i + 1 < header.size(); i += 2) {
+        sum += static_cast<std::uint32_t>(header[i] << 8 | header[i + 1]);
+    }
     while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
     return static_cast<std::uint16_t>(~sum);
 }
