@@ -10,6 +10,7 @@ packages=(
   dpkg-dev file
   python3 python3-pytest python3-venv python3-pip python3-setuptools python3-wheel
   doxygen
+  tshark
 )
 
 missing=()
