@@ -9,19 +9,21 @@
 
 namespace tovra::platform {
 
-// An epoll set holds the socket and an event counter: pausing takes the socket out of the
-// set, so that a thread asleep in it is not woken by data that another thread reads.
+// An epoll set holds the socket and an event counter: pausing stops the socket's data from
+// counting, so that a thread asleep in the set is not woken by data that another thread
+// reads. The socket stays in the set: changing what it waits for costs the kernel less than
+// taking it out and putting it back, and a resume that finds data there wakes the sleeper.
 struct ReadWatch::State {
     int socket = -1;
     int poller = -1;
     int wakeup = -1;
 
-    bool watchSocket(bool on)
+    bool watchSocket(int operation, bool on)
     {
         epoll_event event{};
-        event.events = EPOLLIN;
+        event.events = on ? std::uint32_t{EPOLLIN} : 0u; // errors and hang-ups always count
         event.data.fd = socket;
-        return ::epoll_ctl(poller, on ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, socket, &event) == 0;
+        return ::epoll_ctl(poller, operation, socket, &event) == 0;
     }
 };
 
@@ -39,7 +41,8 @@ bool ReadWatch::open(SocketHandle socket)
     event.events = EPOLLIN;
     event.data.fd = state->wakeup;
     const bool made = state->poller >= 0 && state->wakeup >= 0 &&
-                      ::epoll_ctl(state->poller, EPOLL_CTL_ADD, state->wakeup, &event) == 0 && state->watchSocket(true);
+                      ::epoll_ctl(state->poller, EPOLL_CTL_ADD, state->wakeup, &event) == 0 &&
+                      state->watchSocket(EPOLL_CTL_ADD, true);
     state_ = std::move(state);
     if (!made) close();
     return made;
@@ -75,9 +78,8 @@ int ReadWatch::wait()
     return result;
 }
 
-// A socket that is already in, or already out of, the set is where it should be.
-void ReadWatch::pause() { state_->watchSocket(false); }
-void ReadWatch::resume() { state_->watchSocket(true); }
+void ReadWatch::pause() { state_->watchSocket(EPOLL_CTL_MOD, false); }
+void ReadWatch::resume() { state_->watchSocket(EPOLL_CTL_MOD, true); }
 
 void ReadWatch::wake()
 {
