@@ -4,6 +4,7 @@ Environment (set by CTest):
   TOVRA_TOOL         the tool
   TOVRA_TOOL_RUNNER  optional program that runs it (wine for tovra.exe)
   TOVRA_SIM          the simulator program; when it is the tool itself, "sim" is added
+  TOVRA_READERSIM    tovra-readersim, whose options `tovra sim` shares
 
 Run one group with:  python3 -B cli_test.py TransceiveTests
 """
@@ -256,6 +257,23 @@ class TransceiveTests(ToolTestCase):
         self.assert_fails_with(result, "Connect failed")
         self.assertRegex(result.stderr, r"^tovra: connect: ")
 
+    def test_long_responses_and_misbehaving_readers(self):
+        data = bytes(range(256)) * 4
+        self.sim.stop()
+        _, port = self.start_tcp_sim("--reply", "66=" + data.hex(), "--reply", "68=00/FE", "--fault", "bad-crc",
+                                     "--fault-count", "1")
+        # The response with a bad CRC is dropped: the exchange times out, nothing is printed.
+        dropped = self.run_tool("transceive", tcp(port), "6600", "--timeout", "300")
+        self.assert_fails_with(dropped, "Receive timeout")
+        self.assertEqual(dropped.stdout, "")
+        whole = self.run_tool("--json", "transceive", tcp(port), "6600,6800")
+        self.assertEqual(whole.returncode, 0, whole.stderr)
+        long, unknown = json_lines(whole.stdout)
+        self.assertEqual(long["response"], "6600" + data.hex().upper())
+        # A status byte the table does not know still gets a text, not a crash.
+        self.assertEqual(unknown["status"], 0xFE)
+        self.assertTrue(unknown["statusText"])
+
     def test_two_port_module(self):
         result = self.run_tool("--json", "transceive", tcp(self.port), "6500", "--module-kind", "0")
         self.assertEqual(result.returncode, 0, result.stderr)
@@ -369,6 +387,15 @@ class ListenTests(ToolTestCase):
         listen.proc.send_signal(signal.SIGTERM)
         self.assertEqual(listen.finish(), 0, listen.stderr)
 
+    def test_rule_files_with_catch_all_and_windows_line_ends(self):
+        rules = self.work.write("rules.txt", "6501 = 01\r\n = 02 # every other request\r\n6502 = 03\r\n")
+        listen, port = self.start_listen("--rules", rules, "--count", "2", "--seconds", str(WAIT))
+        reader = self.start(sim("--connect", f"127.0.0.1:{port}", "--request", "6501", "--request", "6502"))
+        self.assertEqual(reader.expect(r"^request 6501 ").string, "request 6501 answered 01")
+        self.assertEqual(reader.expect(r"^request 6502 ").string, "request 6502 answered 02",
+                         "the first matching rule wins")
+        self.assertEqual(listen.finish(), 0, listen.stderr)
+
     def test_seconds_end_the_wait(self):
         listen, _ = self.start_listen("--seconds", "1")
         self.assertEqual(listen.finish(), 0, listen.stderr)
@@ -393,6 +420,35 @@ class LogTests(ToolTestCase):
         self.assertRegex(result.stderr, r"TOVRA RH=\d+ .*1port connect: tcp:IPAddress=127\.0\.0\.1")
         quiet = self.run_tool("transceive", tcp(port), "6500")
         self.assertEqual(quiet.stderr, "")
+
+
+@unittest.skipUnless(os.environ.get("TOVRA_READERSIM"), "needs tovra-readersim")
+class SimOptionsTests(ToolTestCase):
+    def readersim(self, *args):
+        return subprocess.run([os.environ["TOVRA_READERSIM"], *args], cwd=self.work.path, stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=WAIT)
+
+    @staticmethod
+    def options(help_text):
+        return sorted(set(re.findall(r"^\s+(--[a-z0-9-]+)", help_text, re.MULTILINE)))
+
+    def test_tovra_sim_and_tovra_readersim_take_the_same_options(self):
+        shared = self.options(self.readersim("--help").stdout)
+        self.assertIn("--request", shared)
+        self.assertEqual(self.options(self.run_tool("sim", "--help").stdout), shared)
+
+    def test_both_refuse_the_same_command_lines_with_status_2(self):
+        for args in [["--request", "6500"], ["--udp", "0", "--connect", "127.0.0.1:1"], ["--udp-any"],
+                     ["--connect", "127.0.0.1"], ["--reply", "66=123"], ["--fault", "flood=x"], ["--port", "65536"],
+                     ["--fault-count", "0"], ["--request", "", "--connect", "127.0.0.1:1"], ["--bogus"]]:
+            with self.subTest(args=args):
+                self.assertEqual(self.readersim(*args).returncode, 2)
+                self.assertEqual(self.run_tool("sim", *args).returncode, 2)
+
+    def test_requests_to_a_host_that_is_gone(self):
+        result = self.readersim("--connect", f"127.0.0.1:{free_port()}", "--request", "6500")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("cannot connect", result.stderr)
 
 
 if __name__ == "__main__":
