@@ -11,6 +11,7 @@ packages=(
   python3 python3-pytest python3-venv python3-pip python3-setuptools python3-wheel
   doxygen
   tshark
+  libcli11-dev
 )
 
 missing=()

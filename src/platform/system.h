@@ -14,5 +14,8 @@ const char* gadgetLibraryBaseName();
 bool setOpenFileLimit(unsigned long count);
 // The descriptor the next open would get; 0 where this cannot be told.
 unsigned long lowestFreeDescriptor();
+// Whether the process's standard error goes to a terminal (a person watching) rather
+// than to a file or pipe, for programs that draw progress only where it is seen.
+bool standardErrorIsTerminal();
 
 }  // namespace tovra::platform

@@ -26,4 +26,6 @@ unsigned long lowestFreeDescriptor()
     return static_cast<unsigned long>(free);
 }
 
+bool standardErrorIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
 }  // namespace tovra::platform

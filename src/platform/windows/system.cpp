@@ -1,5 +1,8 @@
 #include "platform/system.h"
 
+#include <io.h>
+#include <stdio.h>
+
 namespace tovra::platform {
 
 char pathSeparator() { return '\\'; }
@@ -9,5 +12,7 @@ const char* osName() { return "Windows"; }
 bool setOpenFileLimit(unsigned long) { return false; }
 
 unsigned long lowestFreeDescriptor() { return 0; }
+
+bool standardErrorIsTerminal() { return ::_isatty(::_fileno(stderr)) != 0; }
 
 }  // namespace tovra::platform
