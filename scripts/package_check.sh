@@ -138,29 +138,26 @@ check_tools_deb() { # deb, files of the tools component
   check_common_fields "$deb" tovra-tools utils
   expect "tovra-tools: depends on $runtime_pkg" field_has "$deb" Depends "$runtime_pkg (= $version)"
   expect "tovra-tools: every file of the tools component" has_entries "$listing" $2
+  expect "tovra-tools: the command-line tool and the Wireshark dissector" has_entries "$listing" \
+    ./usr/bin/tovra "./usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/wireshark/plugins/tovra.lua"
 }
 
-# Each package's file name and its presence follow its component: tovra-tools exists
-# exactly when the build installs something for "tools".
-expected_debs() { # files of the tools component
+expected_debs() {
   echo "libtovra-dev_${version}_$arch.deb"
   echo "${runtime_pkg}_${version}_$arch.deb"
-  [[ -z $1 ]] || echo "tovra-tools_${version}_$arch.deb"
+  echo "tovra-tools_${version}_$arch.deb"
 }
 
 check_debs() {
   local out=$scratch/deb tools
   tools=$(component_files "$linux_build" tools)
-  [[ -n $tools ]] || echo "note: the Linux build installs nothing for component tools: no tovra-tools"
   make_packages "$linux_build" "$out"
   expect "Debian packages: exactly one per component" \
-    diff <(expected_debs "$tools" | sort) <(cd "$out" && ls -- *.deb | sort)
+    diff <(expected_debs | sort) <(cd "$out" && ls -- *.deb | sort)
   [[ -f $out/${runtime_pkg}_${version}_$arch.deb ]] || die "no $runtime_pkg package to check"
   check_runtime_deb "$out/${runtime_pkg}_${version}_$arch.deb"
   check_dev_deb "$out/libtovra-dev_${version}_$arch.deb"
-  if [[ -n $tools ]]; then
-    check_tools_deb "$out/tovra-tools_${version}_$arch.deb" "$tools"
-  fi
+  check_tools_deb "$out/tovra-tools_${version}_$arch.deb" "$tools"
   expect "Debian packages: no file in two packages" no_shared_files "$out"/*.deb
   for deb in "$out"/*.deb; do
     dpkg -x "$deb" "$scratch/root"
@@ -234,6 +231,13 @@ build_with_find_package() {
   fi
 }
 
+# The tool finds the library beside it, with no help from the environment.
+tool_runs_unpacked() {
+  local out
+  out=$(env -u LD_LIBRARY_PATH "$scratch/root/usr/bin/tovra" version)
+  [[ $out == "$version" ]] || { echo "printed '$out', not '$version'"; return 1; }
+}
+
 zip_has_entries() { # listing file, paths below the archive's top folder...
   local listing=$1 top=tovra-$version-win64
   shift
@@ -255,7 +259,6 @@ build_and_run_on_windows() { # unpacked archive
 check_zip() {
   local out=$scratch/zip zip=tovra-$version-win64.zip tools listing=$scratch/zip.list
   tools=$(component_files "$windows_build" tools)
-  [[ -n $tools ]] || echo "note: the Windows build installs nothing for component tools: no tovra.exe"
   make_packages "$windows_build" "$out"
   expect "Windows: one archive, $zip" test "$(cd "$out" && ls -- *.zip)" = "$zip"
   [[ -f $out/$zip ]] || die "no $zip to check"
@@ -264,10 +267,8 @@ check_zip() {
     zip_has_entries "$listing" bin/tovra.dll bin/zkcom.dll bin/zkudp.dll lib/libtovra.dll.a \
       include/tovra/tovra.h include/tovra/version.h lib/cmake/tovra/tovraConfig.cmake \
       lib/pkgconfig/tovra.pc
-  if [[ -n $tools ]]; then
-    expect "Windows archive: every file of the tools component" \
-      zip_has_entries "$listing" $(sed 's|^\./usr/||' <<<"$tools")
-  fi
+  expect "Windows archive: the command-line tool, and every file of the tools component" \
+    zip_has_entries "$listing" bin/tovra.exe $(sed 's|^\./usr/||' <<<"$tools")
   mkdir -p "$scratch/unzipped"
   (cd "$scratch/unzipped" && cmake -E tar xf "$out/$zip")
   build_and_run_on_windows "$scratch/unzipped/tovra-$version-win64"
@@ -277,6 +278,7 @@ check_zip() {
 check_debs
 build_with_pkg_config
 build_with_find_package
+expect "tovra-tools: the unpacked tool runs against the unpacked library" tool_runs_unpacked
 check_zip
 echo "package check: $passed passed, $failed failed"
 ((failed == 0))
