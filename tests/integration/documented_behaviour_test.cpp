@@ -78,8 +78,10 @@ TEST(OnePortEnds, OnlyTheReaderLeavingIsReportedAndItsChannelIsFreeAfterTheCallb
     heard.reader = reader.handle;
     ASSERT_EQ(TOVRA_SetReaderConnectedCallbacks(reader.handle, &heard, onConnected, onDisconnected), 0);
 
-    // The host ending its own connection is not reported.
+    // The host ending its own connection is not reported. The simulator takes the
+    // connection first: one reset before it is accepted may never count on Windows.
     ASSERT_EQ(TOVRA_ConnectByHost(reader.handle, nullptr), 0);
+    ASSERT_TRUE(sim.waitForConnections(1, 10000ms));
     EXPECT_EQ(TOVRA_DisconnectByHost(reader.handle), 0);
     EXPECT_EQ(stateOf(reader.handle), "SingleCh=Discon");
 
