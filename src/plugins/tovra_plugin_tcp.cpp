@@ -388,15 +388,9 @@ try {
     for (;;) {
         if (stashed > 0) {
             // Read ahead by a receive while the records were off: the socket gave them already.
-            const std::size_t read = std::min(stashed, expected - count);
-            stashed -= read;
-            TOVRA_LOG_TRACE(logger(), kTrace, "Read ", read, " bytes");
-            const std::size_t end = count + read;
-            if (const std::int32_t result = assembled(read, count, expected, deadline, buffer, bufferSize);
-                result != -1) {
-                stash(end, stashed);
+            if (const std::int32_t result = assembleBuffered(stashed, count, expected, deadline, buffer, bufferSize);
+                result != -1)
                 return result;
-            }
             continue;
         }
         if (now >= deadline) return err::ReceivePending;
@@ -494,15 +488,22 @@ std::int32_t TovraPluginTcp::receiveQuietly(std::uint8_t* buffer, std::size_t bu
             if (got < 0) return got;
             have = static_cast<std::size_t>(got);
         }
-        const std::size_t take = std::min(have, expected - count);
-        have -= take;
-        const std::size_t end = count + take;
-        if (const std::int32_t result = assembled(take, count, expected, deadline, buffer, bufferSize);
-            result != -1) {
-            stash(end, have);
+        if (const std::int32_t result = assembleBuffered(have, count, expected, deadline, buffer, bufferSize);
+            result != -1)
             return result;
-        }
     }
+}
+
+std::int32_t TovraPluginTcp::assembleBuffered(std::size_t& have, std::size_t& count, std::size_t& expected,
+                                              std::int64_t& deadline, std::uint8_t* buffer, std::size_t bufferSize)
+{
+    const std::size_t take = std::min(have, expected - count);
+    have -= take;
+    TOVRA_LOG_TRACE(logger(), kTrace, "Read ", take, " bytes");
+    const std::size_t end = count + take;
+    const std::int32_t result = assembled(take, count, expected, deadline, buffer, bufferSize);
+    if (result != -1) stash(end, have);
+    return result;
 }
 
 std::int32_t TovraPluginTcp::readAhead(std::size_t count, std::int64_t deadline)

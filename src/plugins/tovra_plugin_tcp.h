@@ -69,6 +69,10 @@ private:
     // Bytes of the stream into frame_ after its first `count`, waiting for them until the
     // deadline: their number, or the receive's result.
     std::int32_t readAhead(std::size_t count, std::int64_t deadline);
+    // The frame goes on with what it still needs of `have` bytes that lie in frame_ right after
+    // its first `count`; once it ends, the rest is kept for the next receive. As assembled().
+    std::int32_t assembleBuffered(std::size_t& have, std::size_t& count, std::size_t& expected,
+                                  std::int64_t& deadline, std::uint8_t* buffer, std::size_t bufferSize);
     // Moves what was read ahead to the start of frame_: its length.
     std::size_t unstash();
     // Keeps frame_'s `count` bytes from `at` on, read but not handed out, for the next receive.
