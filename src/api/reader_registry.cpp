@@ -2,6 +2,7 @@
 
 #include "api/error_codes.h"
 
+#include <algorithm>
 #include <new>
 
 namespace tovra {
@@ -53,7 +54,9 @@ std::int32_t ReaderRegistry::create(std::int32_t moduleKind, const char* connect
     }
     const std::int32_t handle = reader->handle();
     std::lock_guard guard(lock_);
-    readers_.emplace(handle, std::move(reader));
+    const auto it = position(handle);
+    // After the counter wraps a handle may still be taken: the older reader keeps it.
+    if (it == readers_.end() || it->handle != handle) readers_.insert(it, Entry{handle, std::move(reader)});
     return handle;
 }
 
@@ -62,9 +65,9 @@ std::int32_t ReaderRegistry::remove(std::int32_t handle)
     std::shared_ptr<TovraReader> reader;
     {
         std::lock_guard guard(lock_);
-        const auto it = readers_.find(handle);
-        if (it == readers_.end()) return err::InvalidReaderHandle;
-        reader = std::move(it->second);
+        const auto it = position(handle);
+        if (it == readers_.end() || it->handle != handle) return err::InvalidReaderHandle;
+        reader = std::move(it->reader);
         readers_.erase(it);
     }
     if (reader->onOwnThread()) reader->markDeleted();
@@ -76,18 +79,23 @@ std::int32_t ReaderRegistry::remove(std::int32_t handle)
 
 std::int32_t ReaderRegistry::terminate(std::int32_t handle)
 {
-    std::lock_guard guard(lock_);
-    const auto it = readers_.find(handle);
-    if (it == readers_.end()) return err::InvalidReaderHandle;
-    it->second->terminate();
+    const std::shared_ptr<TovraReader> reader = find(handle);
+    if (!reader) return err::InvalidReaderHandle;
+    reader->terminate();
     return err::Ok;
+}
+
+std::vector<ReaderRegistry::Entry>::iterator ReaderRegistry::position(std::int32_t handle)
+{
+    return std::lower_bound(readers_.begin(), readers_.end(), handle,
+                            [](const Entry& entry, std::int32_t wanted) { return entry.handle < wanted; });
 }
 
 std::shared_ptr<TovraReader> ReaderRegistry::find(std::int32_t handle)
 {
-    std::lock_guard guard(lock_);
-    const auto it = readers_.find(handle);
-    return it == readers_.end() ? nullptr : it->second;
+    std::shared_lock guard(lock_);
+    const auto it = position(handle);
+    return it == readers_.end() || it->handle != handle ? nullptr : it->reader;
 }
 
 std::int32_t ReaderRegistry::nextHandle(std::int32_t first)
@@ -95,13 +103,13 @@ std::int32_t ReaderRegistry::nextHandle(std::int32_t first)
     std::lock_guard guard(lock_);
     auto it = readers_.end();
     if (first == 0) it = readers_.begin();
-    else if (cursor_) it = readers_.upper_bound(*cursor_);
+    else if (cursor_) it = position(*cursor_ + 1);
     if (it == readers_.end()) {
         cursor_.reset();
         return 0;
     }
-    cursor_ = it->first;
-    return it->first;
+    cursor_ = it->handle;
+    return it->handle;
 }
 
 } // namespace tovra

@@ -4,17 +4,17 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <vector>
 
 namespace tovra {
 
-// Every live reader by handle. The mutex guards only the map: readers are called
-// outside it, except for terminate, which never blocks. A call holds its reader for as
-// long as it runs, so a concurrent delete never frees it under the call.
+// Every live reader by handle. The lock guards only the map, and readers are called outside
+// it; every call looks its reader up, so lookups share the lock. A call holds its reader for
+// as long as it runs, so a concurrent delete never frees it under the call.
 class ReaderRegistry {
 public:
     static ReaderRegistry& instance();
@@ -44,8 +44,16 @@ private:
     static void dispose(TovraReader* reader);
     void reapRetiredNow();
 
-    std::mutex lock_;
-    std::map<std::int32_t, std::shared_ptr<TovraReader>> readers_;
+    struct Entry {
+        std::int32_t handle;
+        std::shared_ptr<TovraReader> reader;
+    };
+    // The first entry whose handle is not below `handle`.
+    std::vector<Entry>::iterator position(std::int32_t handle);
+
+    std::shared_mutex lock_;
+    // Sorted by handle, and compact: every export looks its reader up here.
+    std::vector<Entry> readers_;
     // The enumeration cursor as the handle it stands on, so that deleting that reader
     // cannot leave it dangling; none once it has passed the end.
     std::optional<std::int32_t> cursor_;
