@@ -3,6 +3,7 @@
 // separate process (tovra_bench_peer), so the CPU figures are the client's alone.
 //   tovra_scale_bench [--quick] [--json]
 #include "round_trips.h"
+#include "scale/accept_models.h"
 #include "scale/load.h"
 #include "scale/measure.h"
 #include "scale/peer_process.h"
@@ -19,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -285,17 +287,31 @@ std::vector<std::int64_t> libraryAcceptBurst()
     return delays;
 }
 
+// Plain listening sockets and their ports, closed with the object.
+struct Listeners {
+    std::vector<int> sockets;
+    std::vector<std::uint16_t> ports;
+    explicit Listeners(std::size_t count)
+    {
+        for (std::size_t i = 0; i < count; ++i) {
+            sockets.push_back(listenLoopback());
+            ports.push_back(localPort(sockets.back()));
+        }
+    }
+    ~Listeners() { closeAll(sockets); }
+};
+
 std::vector<std::int64_t> rawAcceptBurst()
 {
-    std::vector<int> listeners;
-    std::vector<std::uint16_t> ports;
-    for (std::size_t i = 0; i < kReaders; ++i) {
-        listeners.push_back(listenLoopback());
-        ports.push_back(localPort(listeners.back()));
-    }
-    const auto delays = connectBurst(ports, [&] { return acceptEach(listeners, 20000); });
-    closeAll(listeners);
-    return delays;
+    const Listeners listeners(kReaders);
+    return connectBurst(listeners.ports, [&] { return acceptEach(listeners.sockets, 20000); });
+}
+
+std::vector<std::int64_t> modelAcceptBurst(AcceptModel model)
+{
+    const Listeners listeners(kReaders);
+    AcceptModelRun run(model, listeners.sockets);
+    return connectBurst(listeners.ports, [&] { return run.wait(); });
 }
 
 // p50, p99 and max of one burst's delays, in microseconds.
@@ -307,22 +323,35 @@ std::array<double, 3> burstFigures(const std::vector<std::int64_t>& nanos)
     return {percentile(micros, 0.5), percentile(micros, 0.99), micros.empty() ? 0 : micros.back()};
 }
 
-// Section 6: from the peer's connect to the connected callback, beside a plain epoll accept loop.
+// Section 6: from the peer's connect to the connected callback, beside a plain epoll accept loop
+// and the plain-socket models of what each connection needs before a callback of its own.
 void acceptBurst(Report& report, const Plan& plan)
 {
-    std::array<std::vector<double>, 3> library, raw;
+    struct Line {
+        const char* name;
+        std::function<std::vector<std::int64_t>()> burst;
+        std::array<std::vector<double>, 3> figures;
+    };
+    std::vector<Line> lines{
+        {"accept loop", rawAcceptBurst, {}},
+        {"loop+wake", [] { return modelAcceptBurst(AcceptModel::LoopWakesWaiting); }, {}},
+        {"listener+wake", [] { return modelAcceptBurst(AcceptModel::ListenerWakesWaiting); }, {}},
+        {"listener+2 threads", [] { return modelAcceptBurst(AcceptModel::ListenerStartsThreads); }, {}},
+    };
+    std::array<std::vector<double>, 3> library;
     for (int r = 0; r < plan.runs; ++r) {
         const auto viaLibrary = burstFigures(libraryAcceptBurst());
-        const auto plain = burstFigures(rawAcceptBurst());
-        for (std::size_t i = 0; i < 3; ++i) {
-            library[i].push_back(viaLibrary[i]);
-            raw[i].push_back(plain[i]);
+        for (std::size_t i = 0; i < 3; ++i) library[i].push_back(viaLibrary[i]);
+        for (Line& line : lines) {
+            const auto figures = burstFigures(line.burst());
+            for (std::size_t i = 0; i < 3; ++i) line.figures[i].push_back(figures[i]);
         }
     }
     const std::array<const char*, 3> names{"p50", "p99", "max"};
     for (std::size_t i = 0; i < 3; ++i)
-        report.add("6 accept burst, 1000 listeners", std::string("connect to callback ") + names[i], "us",
-                   median(library[i]), "accept loop", median(raw[i]));
+        for (const Line& line : lines)
+            report.add("6 accept burst, 1000 listeners", std::string("connect to callback ") + names[i], "us",
+                       median(library[i]), line.name, median(line.figures[i]));
 }
 
 // Section 7: an idle listener stopped at random moments of its worker's wait.
