@@ -106,20 +106,21 @@ auto rawTrip(const std::vector<int>& sockets)
     return [&sockets](std::size_t i) { return exchange.roundTrip(sockets[i]); };
 }
 
-template <typename RoundTrip>
-LoadStats medianLoad(const Plan& plan, std::size_t connections, std::size_t threads, RoundTrip roundTrip)
+// Library and plain client take turns run by run, so that a change in the machine's load
+// during the grid falls on both alike; each figure the median of its runs.
+template <typename LibraryTrip, typename RawTrip>
+std::array<std::pair<LoadStats, LoadStats>, kThreadCounts.size()>
+loadGrid(const Plan& plan, std::size_t connections, LibraryTrip libraryTrip, RawTrip rawTrip)
 {
-    std::vector<LoadStats> runs;
-    for (int r = 0; r < plan.runs; ++r) runs.push_back(runLoad(connections, threads, plan.loadSeconds, roundTrip));
-    return medianOf(runs);
-}
-
-template <typename RoundTrip>
-std::array<LoadStats, kThreadCounts.size()> loadGrid(const Plan& plan, std::size_t connections, RoundTrip roundTrip)
-{
-    std::array<LoadStats, kThreadCounts.size()> grid;
-    for (std::size_t t = 0; t < kThreadCounts.size(); ++t)
-        grid[t] = medianLoad(plan, connections, kThreadCounts[t], roundTrip);
+    std::array<std::pair<LoadStats, LoadStats>, kThreadCounts.size()> grid;
+    for (std::size_t t = 0; t < kThreadCounts.size(); ++t) {
+        std::vector<LoadStats> library, raw;
+        for (int r = 0; r < plan.runs; ++r) {
+            library.push_back(runLoad(connections, kThreadCounts[t], plan.loadSeconds, libraryTrip));
+            raw.push_back(runLoad(connections, kThreadCounts[t], plan.loadSeconds, rawTrip));
+        }
+        grid[t] = {medianOf(library), medianOf(raw)};
+    }
     return grid;
 }
 
@@ -156,6 +157,12 @@ void manyReaders(Report& report, const Plan& plan, std::uint16_t port, std::size
 {
     const bool first = count == kReaders;
     const std::string connector = tcpText(port);
+    // The plain connections first: their idle figure must not count the library's threads.
+    const double rawBefore = residentBytes();
+    const std::vector<int> sockets = rawConnections(count, port);
+    const double rawConnected = residentBytes();
+    const Idle rawIdle = first ? measureIdle(plan.idleSeconds) : Idle{};
+
     const double rssBefore = residentBytes();
     std::vector<double> createMicros;
     const Handles handles = createReaders(kOnePort, count, connector.c_str(), &createMicros);
@@ -167,22 +174,18 @@ void manyReaders(Report& report, const Plan& plan, std::uint16_t port, std::size
         sleepSeconds(1.0); // lets the connects' after-effects settle
         idle = measureIdle(plan.idleSeconds);
     }
-    const auto library = loadGrid(plan, count, libraryTrip(handles));
+    const auto grid = loadGrid(plan, count, libraryTrip(handles), rawTrip(sockets));
     deleteAll(handles);
-
-    const double rawBefore = residentBytes();
-    const std::vector<int> sockets = rawConnections(count, port);
-    const double rawConnected = residentBytes();
-    const Idle rawIdle = first ? measureIdle(plan.idleSeconds) : Idle{};
-    const auto raw = loadGrid(plan, count, rawTrip(sockets));
     closeAll(sockets);
 
     for (std::size_t t = 0; t < kThreadCounts.size(); ++t)
         addLoad(report, "2 one-port, N readers, T threads",
-                "N=" + std::to_string(count) + " T=" + std::to_string(kThreadCounts[t]), library[t], raw[t]);
+                "N=" + std::to_string(count) + " T=" + std::to_string(kThreadCounts[t]), grid[t].first,
+                grid[t].second);
     if (!first) return;
-    report.add("3 CPU per 100k round trips", "1000 readers, 16 threads", "ms", library.back().cpuMicros * 100, "raw",
-               raw.back().cpuMicros * 100);
+    const auto& [library, raw] = grid.back();
+    report.add("3 CPU per 100k round trips", "1000 readers, 16 threads", "ms", library.cpuMicros * 100, "raw",
+               raw.cpuMicros * 100);
     report.add("4 1000 idle one-port readers", "CPU of one core", "%", idle.cpuPercent, "raw", rawIdle.cpuPercent);
     report.add("4 1000 idle one-port readers", "wake-ups", "1/s", idle.wakeupsPerSecond, "raw",
                rawIdle.wakeupsPerSecond);
