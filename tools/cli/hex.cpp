@@ -1,19 +1,8 @@
 #include "hex.h"
 
-#include <cctype>
-
 namespace tovra::cli {
 
 namespace {
-
-int digitValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    const int lower = std::tolower(static_cast<unsigned char>(c));
-    if (lower >= 'a' && lower <= 'f') return lower - 'a' + 10;
-    return -1;
-}
-
-bool isBlank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
 // Splits at ',' keeping empty pieces, so that ",," shows as an empty request.
 std::vector<std::string_view> splitAtCommas(std::string_view text) {
@@ -27,24 +16,6 @@ std::vector<std::string_view> splitAtCommas(std::string_view text) {
 }
 
 }  // namespace
-
-std::optional<Bytes> parseHex(std::string_view text) {
-    Bytes bytes;
-    std::size_t i = 0;
-    while (i < text.size()) {
-        if (isBlank(text[i])) {
-            ++i;
-            continue;
-        }
-        if (i + 1 >= text.size()) return std::nullopt;
-        const int high = digitValue(text[i]);
-        const int low = digitValue(text[i + 1]);
-        if (high < 0 || low < 0) return std::nullopt;
-        bytes.push_back(static_cast<std::uint8_t>(high * 16 + low));
-        i += 2;
-    }
-    return bytes;
-}
 
 std::optional<std::vector<Bytes>> parseRequests(const std::vector<std::string>& arguments, std::string& error) {
     std::vector<Bytes> requests(1);
@@ -67,18 +38,6 @@ std::optional<std::vector<Bytes>> parseRequests(const std::vector<std::string>& 
         }
     }
     return requests;
-}
-
-std::string hexText(const std::uint8_t* data, std::size_t length, bool spaced) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string text;
-    text.reserve(length * 3);
-    for (std::size_t i = 0; i < length; ++i) {
-        if (spaced && i > 0) text += ' ';
-        text += digits[data[i] >> 4];
-        text += digits[data[i] & 0x0F];
-    }
-    return text;
 }
 
 }  // namespace tovra::cli

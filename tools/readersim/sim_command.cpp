@@ -1,5 +1,6 @@
 #include "readersim/sim_command.h"
 
+#include "readersim/hex_text.h"
 #include "readersim/reader_sim.h"
 #include "readersim/udp_responder.h"
 
@@ -27,30 +28,6 @@ std::optional<unsigned long> number(const std::string& text, int base = 10) {
     return value;
 }
 
-std::optional<std::vector<std::uint8_t>> hexBytes(const std::string& text) {
-    if (text.size() % 2 != 0) return std::nullopt;
-    std::vector<std::uint8_t> bytes;
-    for (std::size_t i = 0; i < text.size(); i += 2) {
-        const std::string pair = text.substr(i, 2);
-        if (!std::isxdigit(static_cast<unsigned char>(pair[0])) ||
-            !std::isxdigit(static_cast<unsigned char>(pair[1]))) {
-            return std::nullopt;
-        }
-        bytes.push_back(static_cast<std::uint8_t>(*number(pair, 16)));
-    }
-    return bytes;
-}
-
-std::string hexText(const std::vector<std::uint8_t>& bytes) {
-    static const char digits[] = "0123456789ABCDEF";
-    std::string text;
-    for (const std::uint8_t byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 0x0F];
-    }
-    return text;
-}
-
 std::optional<std::uint8_t> command(const std::string& text) {
     const auto value = number(text, 16);
     if (!value || *value > 0xFF) return std::nullopt;
@@ -75,7 +52,7 @@ std::optional<ReplyRule> parseReply(const std::string& text) {
         status = *st;
         data.resize(slash);
     }
-    const auto bytes = hexBytes(data);
+    const auto bytes = parseHex(data);
     if (!cmd || !bytes) return std::nullopt;
     return ReplyRule{*cmd, Reply::with(*bytes, status)};
 }
@@ -155,9 +132,9 @@ CLI::Validator acceptedBy(Parse parse, const std::string& form) {
 
 void sendRequests(ReaderSim& sim, const std::vector<std::string>& requests, const Print& print) {
     for (const std::string& text : requests) {
-        const std::vector<std::uint8_t> payload = *hexBytes(text);
+        const std::vector<std::uint8_t> payload = *parseHex(text);
         const auto answer = sim.sendRequest(payload);
-        print("request " + hexText(payload) + (answer ? " answered " + hexText(*answer) : " unanswered"));
+        print("request " + hexText(payload, false) + (answer ? " answered " + hexText(*answer, false) : " unanswered"));
     }
 }
 
@@ -193,7 +170,7 @@ SimCommand::SimCommand(CLI::App& app, std::string name) : name_(std::move(name))
     app.add_option("--request", requests_,
                    "with --connect: once connected, send HEX as a request of the reader and print "
                    "\"request HEX answered HEX\" or \"request HEX unanswered\"; repeatable, sent in order")
-        ->check(acceptedBy([](const std::string& text) { return !text.empty() && hexBytes(text); }, "HEX"))
+        ->check(acceptedBy([](const std::string& text) { return !text.empty() && parseHex(text); }, "HEX"))
         ->needs(connect);
     pty->excludes(connect)->excludes(ipv6)->excludes(port);
     // Announces carry IPv4 addresses: the reader announced must listen on 127.0.0.1.
