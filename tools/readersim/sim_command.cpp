@@ -6,7 +6,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
