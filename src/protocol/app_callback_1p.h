@@ -25,6 +25,8 @@ public:
     // The thread waits for letRun() before it calls the application, so that whatever a
     // callback does to the connection finds the receiver started.
     bool start(bool connectedByReader);
+    void prepareThread() { thread_.prepare(); }
+    void retireThread() { thread_.retire(); }
     void letRun();
     // Hands a request over; waits while the previous one has not been taken yet.
     // False once delivery is closed: the caller keeps the buffer.

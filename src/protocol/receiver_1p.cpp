@@ -49,6 +49,18 @@ bool TovraReceiver1P::start(bool connectedByReader)
     return started;
 }
 
+void TovraReceiver1P::prepareThreads()
+{
+    callback_.prepareThread();
+    thread_.prepare();
+}
+
+void TovraReceiver1P::retireThreads()
+{
+    thread_.retire();
+    callback_.retireThread();
+}
+
 void TovraReceiver1P::stop()
 {
     thread_.requestStop();

@@ -31,6 +31,11 @@ public:
 
     // Starts the callback thread, then the receiver; false while the receiver still runs.
     bool start(bool connectedByReader);
+    // While a listener waits for readers: both threads are made ahead and wait for each
+    // accepted connection, so that accepting one only wakes them. Retired, they end once
+    // idle (joined then, unless on one of them, or by the next start).
+    void prepareThreads();
+    void retireThreads();
     // Asks the thread to end and aborts its receive; does not wait.
     void stop();
     // Ends the receiver on behalf of the host: stop, wake the plugin's wait, join. Called

@@ -3,6 +3,7 @@
 #include "platform/thread.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -14,35 +15,74 @@ namespace tovra {
 // has finished, always joined, never detached, and never joined by itself. Each thread
 // carries a tag of whom it serves (its reader), so that code running on it, application
 // callbacks included, can tell that it must not wait for that reader's threads.
+//
+// A worker may be prepared: its thread is made ahead of time and waits for each run, so
+// that a start only hands it the body (a listening reader's connection then begins without
+// the cost of making threads). It waits until retired.
 class WorkerThread {
 public:
     WorkerThread() = default;
     // The owner destroys its workers only from another thread, once they have finished
     // or after asking them to stop.
-    ~WorkerThread() { join(); }
+    ~WorkerThread()
+    {
+        retire();
+        join();
+    }
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
+
+    // Makes the waiting thread; nothing when there is one already, a run is under way or
+    // another thread starts or joins this worker (it never waits for them: it may be called
+    // from inside a run of a worker that somebody joins). A refusal of the system is not
+    // an error either: start() makes the thread then.
+    void prepare()
+    {
+        std::unique_lock guard(lock_, std::try_to_lock);
+        if (!guard.owns_lock()) return;
+        if (thread_.joinable()) {
+            if (!finished_.load() || waiting_) return;
+            thread_.join();
+        }
+        {
+            std::lock_guard park(parkLock_);
+            waiting_ = true;
+        }
+        if (!thread_.start([this] { serve(); })) {
+            std::lock_guard park(parkLock_);
+            waiting_ = false;
+        }
+    }
+
+    // The prepared thread ends: at once when it waits (joined here, unless this is that
+    // thread), otherwise after its current run, to be joined by the next start or join.
+    void retire()
+    {
+        bool idle = false;
+        {
+            std::lock_guard park(parkLock_);
+            if (!waiting_) return;
+            waiting_ = false;
+            idle = finished_.load();
+        }
+        parkChanged_.notify_all();
+        if (!idle || isCurrent()) return;
+        std::lock_guard guard(lock_);
+        if (thread_.joinable()) thread_.join();
+    }
 
     // False while a previous run has not finished; a finished one is joined first.
     // Throws std::system_error when the system refuses a new thread.
     bool start(const void* owner, std::function<void()> body)
     {
         std::lock_guard guard(lock_);
-        if (thread_.joinable()) {
-            if (!finished_.load()) return false;
-            thread_.join();
-        }
+        if (thread_.joinable() && !finished_.load()) return false;
         stopRequested_.store(false);
-        finished_.store(false);
         id_.store(0);
-        const bool made = thread_.start([this, owner, run = std::move(body)] {
-            id_.store(platform::currentThreadId());
-            currentOwnerTag() = owner;
-            run();
-            // The system may give this id to another thread once this one has ended.
-            id_.store(0);
-            finished_.store(true);
-        });
+        if (handOver(owner, body)) return true;
+        if (thread_.joinable()) thread_.join();
+        finished_.store(false);
+        const bool made = thread_.start([this, owner, run = std::move(body)] { runBody(owner, run); });
         if (!made) {
             finished_.store(true);
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
@@ -55,16 +95,23 @@ public:
     bool stopRequested() const { return stopRequested_.load(); }
     bool exists() const { return exists_.load(); }
     bool finished() const { return finished_.load(); }
-    // True on the worker's own thread.
+    // True on the worker's own thread while it runs a body.
     bool isCurrent() const { return id_.load() == platform::currentThreadId(); }
 
-    // Waits for the thread to end. On the worker's own thread it returns false at once and
-    // leaves the thread to a later join from elsewhere.
+    // Waits for the run to end (a prepared thread stays, waiting for the next). On the
+    // worker's own thread it returns false at once and leaves the thread to a later join
+    // from elsewhere.
     bool join()
     {
         if (isCurrent()) return false;
         std::lock_guard guard(lock_);
-        if (thread_.joinable()) thread_.join();
+        std::unique_lock park(parkLock_);
+        if (waiting_) {
+            parkChanged_.wait(park, [this] { return finished_.load(); });
+        } else {
+            park.unlock();
+            if (thread_.joinable()) thread_.join();
+        }
         exists_.store(false);
         id_.store(0);
         finished_.store(true);
@@ -81,6 +128,50 @@ private:
         return owner;
     }
 
+    // With lock_ held: gives the body to the prepared thread, if there is one.
+    bool handOver(const void* owner, std::function<void()>& body)
+    {
+        {
+            std::lock_guard park(parkLock_);
+            if (!waiting_) return false;
+            nextOwner_ = owner;
+            next_ = std::move(body);
+            finished_.store(false);
+        }
+        exists_.store(true);
+        parkChanged_.notify_all();
+        return true;
+    }
+
+    void runBody(const void* owner, const std::function<void()>& body)
+    {
+        id_.store(platform::currentThreadId());
+        currentOwnerTag() = owner;
+        body();
+        currentOwnerTag() = nullptr;
+        // The system may give this id to another thread once this one has ended.
+        id_.store(0);
+        std::lock_guard park(parkLock_);
+        finished_.store(true);
+        parkChanged_.notify_all();
+    }
+
+    // The prepared thread: one run per hand-over until retired.
+    void serve()
+    {
+        std::unique_lock park(parkLock_);
+        for (;;) {
+            parkChanged_.wait(park, [this] { return next_ != nullptr || !waiting_; });
+            if (next_ == nullptr) return;
+            const std::function<void()> body = std::move(next_);
+            next_ = nullptr;
+            const void* owner = nextOwner_;
+            park.unlock();
+            runBody(owner, body);
+            park.lock();
+        }
+    }
+
     // Guards the thread object against a start and a join, or two joins, at once.
     std::mutex lock_;
     platform::NativeThread thread_;
@@ -88,6 +179,13 @@ private:
     std::atomic<bool> exists_{false};
     std::atomic<bool> stopRequested_{false};
     std::atomic<bool> finished_{true};
+
+    // The prepared thread's hand-over; finished_ changes under it too, for join's wait.
+    std::mutex parkLock_;
+    std::condition_variable parkChanged_;
+    bool waiting_ = false; // a prepared thread exists and takes runs
+    std::function<void()> next_;
+    const void* nextOwner_ = nullptr;
 };
 
 } // namespace tovra

@@ -279,6 +279,7 @@ std::int32_t TovraReader::startListener(const char* listenerText)
         record.destroyListener();
         return started;
     }
+    if (isOnePort()) receiver1P_->prepareThreads();
     return err::Ok;
 }
 
@@ -299,6 +300,7 @@ std::int32_t TovraReader::stopListener()
         if (record.claim().tryClaim()) record.claim().free();
         else endReaderChannel();
     }
+    if (isOnePort()) receiver1P_->retireThreads();
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "... 1port listener stopped" : "... 2port reader channel listener stopped");
     return err::Ok;

@@ -1,5 +1,6 @@
 // Readers that connect to the host: the library listens, the simulator connects as a client.
 #include "platform/net.h"
+#include "platform/thread.h"
 #include "readersim/reader_sim.h"
 #include "support/loopback.h"
 #include "support/wait.h"
@@ -265,6 +266,87 @@ TEST(TwoReaders, ASlowCallbackDoesNotHoldUpAnotherReader)
     slowTraffic.join();
     EXPECT_EQ(TOVRA_Delete(slow), 0);
     EXPECT_EQ(TOVRA_Delete(fast), 0);
+}
+
+// A one-port listener makes its connection threads when it starts listening: each reader
+// that comes is served by the same threads, until the listener stops, also from inside one
+// of its own callbacks.
+struct ThreadsSeen {
+    std::mutex lock;
+    // System thread ids: unlike std::thread::id, not taken again by the next thread at once.
+    std::vector<std::uint64_t> connected;
+    std::vector<std::uint64_t> requests;
+    std::atomic<int> disconnected{0};
+    std::atomic<bool> stopFromCallback{false};
+    std::atomic<std::int32_t> stopResult{1};
+};
+
+void TOVRA_CALL recordConnected(std::int32_t reader, void* context, const char*)
+{
+    auto& seen = *static_cast<ThreadsSeen*>(context);
+    {
+        std::lock_guard guard(seen.lock);
+        seen.connected.push_back(tovra::platform::currentThreadId());
+    }
+    if (seen.stopFromCallback) seen.stopResult = TOVRA_StopListener(reader);
+}
+
+void TOVRA_CALL recordDisconnected(std::int32_t, void* context) { ++static_cast<ThreadsSeen*>(context)->disconnected; }
+
+std::int32_t TOVRA_CALL recordRequest(std::int32_t, void* context, const std::uint8_t* request, std::uint64_t,
+                                      std::uint8_t** response, std::uint64_t* responseLength)
+{
+    auto& seen = *static_cast<ThreadsSeen*>(context);
+    std::lock_guard guard(seen.lock);
+    seen.requests.push_back(tovra::platform::currentThreadId());
+    static thread_local std::uint8_t answer[3];
+    answer[0] = request[0];
+    answer[1] = 0x00;
+    answer[2] = 0xAC;
+    *response = answer;
+    *responseLength = sizeof answer;
+    return 0;
+}
+
+TEST(OnePortListener, ServesEachReaderOnTheThreadsMadeWhenListeningBegan)
+{
+    ThreadsSeen seen;
+    const std::int32_t reader = TOVRA_Create(2, nullptr);
+    ASSERT_EQ(TOVRA_SetReaderConnectedCallbacks(reader, &seen, recordConnected, recordDisconnected), 0);
+    ASSERT_EQ(TOVRA_SetReaderRequestCallback(reader, &seen, recordRequest), 0);
+    const std::uint16_t port = freePort();
+    const std::string text = "tcp:IPAddress=127.0.0.1:Port=" + std::to_string(port);
+
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(TOVRA_StartListener(reader, text.c_str()), 0) << TOVRA_GetLastErrorText(reader);
+        for (int visit = 0; visit < 3; ++visit) {
+            ReaderSim sim;
+            ASSERT_TRUE(sim.connect("127.0.0.1", port));
+            ASSERT_EQ(sim.sendRequest({0x70}), (Bytes{0x70, 0x00, 0xAC})) << "round " << round;
+            sim.closeConnection();
+            const int left = round * 4 + visit + 1;
+            ASSERT_TRUE(waitUntil([&] { return seen.disconnected.load() == left; }));
+        }
+        // The last reader of the round stops the listener from its connected callback: its
+        // connection ends once the callback has returned, and nobody is accepted after it.
+        seen.stopFromCallback = true;
+        ReaderSim last;
+        ASSERT_TRUE(last.connect("127.0.0.1", port));
+        EXPECT_TRUE(last.waitForDisconnect(5000ms));
+        EXPECT_TRUE(waitUntil([&] { return seen.stopResult.load() == 0; }));
+        EXPECT_TRUE(waitUntil([&] { return std::string(TOVRA_GetConnectionState(reader)) == "SingleCh=Discon"; }));
+        seen.stopFromCallback = false;
+        seen.stopResult = 1;
+        ++seen.disconnected; // the last reader was sent away by the host: no callback for it
+
+        std::lock_guard guard(seen.lock);
+        const auto first = seen.connected.end() - 4;
+        for (auto it = first; it != seen.connected.end(); ++it) EXPECT_EQ(*it, *first) << "round " << round;
+        for (auto it = seen.requests.end() - 3; it != seen.requests.end(); ++it) EXPECT_EQ(*it, *first);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(TOVRA_Delete(reader), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
 }
 
 } // namespace
