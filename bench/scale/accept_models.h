@@ -81,28 +81,7 @@ private:
 
     void acceptLoop()
     {
-        const int epoll = epoll_create1(EPOLL_CLOEXEC);
-        for (std::size_t i = 0; i < listeners_.size(); ++i) {
-            epoll_event event{};
-            event.events = EPOLLIN;
-            event.data.u64 = i;
-            epoll_ctl(epoll, EPOLL_CTL_ADD, listeners_[i], &event);
-        }
-        std::vector<epoll_event> events(256);
-        const std::int64_t deadline = monotonicNanos() + std::int64_t{kGiveUpMs} * 1'000'000;
-        for (std::size_t left = listeners_.size(); left > 0 && monotonicNanos() < deadline;) {
-            const int count = epoll_wait(epoll, events.data(), static_cast<int>(events.size()), 100);
-            for (int e = 0; e < count; ++e) {
-                const std::size_t i = events[e].data.u64;
-                const int socket = accept4(listeners_[i], nullptr, nullptr, SOCK_CLOEXEC);
-                if (socket < 0) continue;
-                epoll_ctl(epoll, EPOLL_CTL_DEL, listeners_[i], nullptr);
-                accepted(i);
-                close(socket);
-                --left;
-            }
-        }
-        close(epoll);
+        acceptEach(listeners_, kGiveUpMs, [this](std::size_t i) { accepted(i); });
     }
 
     AcceptModel model_;

@@ -99,9 +99,11 @@ private:
     std::vector<std::uint8_t> wire_;
 };
 
-// Accepts one connection on each listener from a single epoll thread; the monotonic time
-// each was taken, 0 for those still waiting after `timeoutMs`.
-inline std::vector<std::int64_t> acceptEach(const std::vector<int>& listeners, int timeoutMs)
+// Accepts one connection on each listener from a single epoll thread, telling `accepted`
+// each listener's index; the monotonic time each was taken, 0 for those still waiting after
+// `timeoutMs`.
+template <typename Accepted>
+std::vector<std::int64_t> acceptEach(const std::vector<int>& listeners, int timeoutMs, Accepted accepted)
 {
     const int epoll = epoll_create1(EPOLL_CLOEXEC);
     for (std::size_t i = 0; i < listeners.size(); ++i) {
@@ -117,16 +119,22 @@ inline std::vector<std::int64_t> acceptEach(const std::vector<int>& listeners, i
         const int ready = epoll_wait(epoll, events.data(), static_cast<int>(events.size()), 100);
         for (int e = 0; e < ready; ++e) {
             const std::size_t i = events[e].data.u64;
-            const int accepted = accept4(listeners[i], nullptr, nullptr, SOCK_CLOEXEC);
-            if (accepted < 0) continue;
+            const int socket = accept4(listeners[i], nullptr, nullptr, SOCK_CLOEXEC);
+            if (socket < 0) continue;
             taken[i] = monotonicNanos();
             epoll_ctl(epoll, EPOLL_CTL_DEL, listeners[i], nullptr);
-            close(accepted);
+            accepted(i);
+            close(socket);
             --left;
         }
     }
     close(epoll);
     return taken;
+}
+
+inline std::vector<std::int64_t> acceptEach(const std::vector<int>& listeners, int timeoutMs)
+{
+    return acceptEach(listeners, timeoutMs, [](std::size_t) {});
 }
 
 } // namespace tovra::bench
