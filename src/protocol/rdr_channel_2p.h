@@ -20,6 +20,10 @@ public:
 
     // False while a previous thread still runs; a finished one is joined first.
     bool start();
+    // While a listener waits for readers the thread is made ahead, so that an accepted
+    // connection only wakes it; retired, it ends once idle.
+    void prepareThread() { thread_.prepare(); }
+    void retireThread() { thread_.retire(); }
     // Asks the thread to end and aborts its receive; does not wait.
     void stop();
     // Stops and joins the thread, which closes the connection.

@@ -280,6 +280,7 @@ std::int32_t TovraReader::startListener(const char* listenerText)
         return started;
     }
     if (isOnePort()) receiver1P_->prepareThreads();
+    else rdrChannel2P_->prepareThread();
     return err::Ok;
 }
 
@@ -301,6 +302,7 @@ std::int32_t TovraReader::stopListener()
         else endReaderChannel();
     }
     if (isOnePort()) receiver1P_->retireThreads();
+    else rdrChannel2P_->retireThread();
     TOVRA_LOG_TRACE(logger_, logcat::Reader,
                     isOnePort() ? "... 1port listener stopped" : "... 2port reader channel listener stopped");
     return err::Ok;
