@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
-#include <system_error>
 
 namespace tovra {
 
@@ -36,60 +35,15 @@ public:
     // another thread starts or joins this worker (it never waits for them: it may be called
     // from inside a run of a worker that somebody joins). A refusal of the system is not
     // an error either: start() makes the thread then.
-    void prepare()
-    {
-        std::unique_lock guard(lock_, std::try_to_lock);
-        if (!guard.owns_lock()) return;
-        if (thread_.joinable()) {
-            if (!finished_.load() || waiting_) return;
-            thread_.join();
-        }
-        {
-            std::lock_guard park(parkLock_);
-            waiting_ = true;
-        }
-        if (!thread_.start([this] { serve(); })) {
-            std::lock_guard park(parkLock_);
-            waiting_ = false;
-        }
-    }
+    void prepare();
 
     // The prepared thread ends: at once when it waits (joined here, unless this is that
     // thread), otherwise after its current run, to be joined by the next start or join.
-    void retire()
-    {
-        bool idle = false;
-        {
-            std::lock_guard park(parkLock_);
-            if (!waiting_) return;
-            waiting_ = false;
-            idle = finished_.load();
-        }
-        parkChanged_.notify_all();
-        if (!idle || isCurrent()) return;
-        std::lock_guard guard(lock_);
-        if (thread_.joinable()) thread_.join();
-    }
+    void retire();
 
     // False while a previous run has not finished; a finished one is joined first.
     // Throws std::system_error when the system refuses a new thread.
-    bool start(const void* owner, std::function<void()> body)
-    {
-        std::lock_guard guard(lock_);
-        if (thread_.joinable() && !finished_.load()) return false;
-        stopRequested_.store(false);
-        id_.store(0);
-        if (handOver(owner, body)) return true;
-        if (thread_.joinable()) thread_.join();
-        finished_.store(false);
-        const bool made = thread_.start([this, owner, run = std::move(body)] { runBody(owner, run); });
-        if (!made) {
-            finished_.store(true);
-            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-        }
-        exists_.store(true);
-        return true;
-    }
+    bool start(const void* owner, std::function<void()> body);
 
     void requestStop() { stopRequested_.store(true); }
     bool stopRequested() const { return stopRequested_.load(); }
@@ -101,22 +55,7 @@ public:
     // Waits for the run to end (a prepared thread stays, waiting for the next). On the
     // worker's own thread it returns false at once and leaves the thread to a later join
     // from elsewhere.
-    bool join()
-    {
-        if (isCurrent()) return false;
-        std::lock_guard guard(lock_);
-        std::unique_lock park(parkLock_);
-        if (waiting_) {
-            parkChanged_.wait(park, [this] { return finished_.load(); });
-        } else {
-            park.unlock();
-            if (thread_.joinable()) thread_.join();
-        }
-        exists_.store(false);
-        id_.store(0);
-        finished_.store(true);
-        return true;
-    }
+    bool join();
 
     // The owner tag of the calling thread: null on threads the library did not start.
     static const void* currentOwner() { return currentOwnerTag(); }
@@ -129,48 +68,12 @@ private:
     }
 
     // With lock_ held: gives the body to the prepared thread, if there is one.
-    bool handOver(const void* owner, std::function<void()>& body)
-    {
-        {
-            std::lock_guard park(parkLock_);
-            if (!waiting_) return false;
-            nextOwner_ = owner;
-            next_ = std::move(body);
-            finished_.store(false);
-        }
-        exists_.store(true);
-        parkChanged_.notify_all();
-        return true;
-    }
+    bool handOver(const void* owner, std::function<void()>& body);
 
-    void runBody(const void* owner, const std::function<void()>& body)
-    {
-        id_.store(platform::currentThreadId());
-        currentOwnerTag() = owner;
-        body();
-        currentOwnerTag() = nullptr;
-        // The system may give this id to another thread once this one has ended.
-        id_.store(0);
-        std::lock_guard park(parkLock_);
-        finished_.store(true);
-        parkChanged_.notify_all();
-    }
+    void runBody(const void* owner, const std::function<void()>& body);
 
     // The prepared thread: one run per hand-over until retired.
-    void serve()
-    {
-        std::unique_lock park(parkLock_);
-        for (;;) {
-            parkChanged_.wait(park, [this] { return next_ != nullptr || !waiting_; });
-            if (next_ == nullptr) return;
-            const std::function<void()> body = std::move(next_);
-            next_ = nullptr;
-            const void* owner = nextOwner_;
-            park.unlock();
-            runBody(owner, body);
-            park.lock();
-        }
-    }
+    void serve();
 
     // Guards the thread object against a start and a join, or two joins, at once.
     std::mutex lock_;
