@@ -261,11 +261,10 @@ typedef void    (TOVRA_CALL *TOVRA_LoggingCallback)(void* context, const char* l
  * After a stop has returned the callback is not called again.
  *
  * @par From inside the callback
- * Any reader function, and TOVRA_UsbManagerScanInfo(). A stop from inside is allowed for
- * USB and Bluetooth (it does not wait for the callback it is called from); for the network
- * a stop or start there gives -5032 and a set-up is refused by the UDP library. Do not
- * start a discovery from its own callback, and do not stop one from inside while another
- * thread may be stopping it as well: each stop would wait for the other.
+ * Any reader function, and TOVRA_UsbManagerScanInfo(). A stop or start from inside is
+ * allowed for USB and Bluetooth (a stop does not wait for the callback it is called from,
+ * nor for a stop on another thread); for the network a stop or start there gives -5032 and
+ * a set-up is refused by the UDP library, whatever other threads do meanwhile.
  */
 typedef void    (TOVRA_CALL *TOVRA_DiscoveryCallback)(void* userContext, int32_t event, const char* scanInfo);
 
@@ -837,7 +836,7 @@ TOVRA_API int32_t     TOVRA_CALL TOVRA_ComManagerDetect(const char* deviceType, 
  * @return Any other negative value is the USB library's code for a failed scan.
  *
  * @par Thread safety
- * Any thread, but not from inside the discovery callback.
+ * Any thread, inside the discovery callback too.
  */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_UsbManagerStartDiscover(void* userContext, TOVRA_DiscoveryCallback callback);
 
@@ -851,8 +850,7 @@ TOVRA_API int32_t     TOVRA_CALL TOVRA_UsbManagerStartDiscover(void* userContext
  * @retval -5022 The USB library is older than required.
  *
  * @par Thread safety
- * Any thread. From inside the callback it is allowed and does not wait for that callback;
- * but not while another thread may be stopping too.
+ * Any thread. From inside the callback it is allowed and does not wait for that callback.
  */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_UsbManagerStopDiscover(void);
 
@@ -883,7 +881,7 @@ TOVRA_API const char* TOVRA_CALL TOVRA_UsbManagerScanInfo(int32_t index);
  * @return Any other negative value is the Bluetooth library's code for a scan it refused.
  *
  * @par Thread safety
- * Any thread, but not from inside the discovery callback.
+ * Any thread, inside the discovery callback too.
  */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_BleManagerStartDiscover(void* userContext, TOVRA_DiscoveryCallback callback);
 
@@ -897,8 +895,7 @@ TOVRA_API int32_t     TOVRA_CALL TOVRA_BleManagerStartDiscover(void* userContext
  * @retval -5022 The Bluetooth library is older than required.
  *
  * @par Thread safety
- * Any thread. From inside the callback it is allowed and does not wait for that callback;
- * but not while another thread may be stopping too.
+ * Any thread. From inside the callback it is allowed and does not wait for that callback.
  */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_BleManagerStopDiscover(void);
 
@@ -939,7 +936,7 @@ TOVRA_API int32_t     TOVRA_CALL TOVRA_UdpManagerSetEventCallback(void* userCont
  *         instance for a target it cannot use or a socket it cannot open.
  *
  * @par Thread safety
- * Any thread, but not from inside the callback while another thread may be stopping.
+ * Any thread; from inside the callback it gives -5032.
  */
 TOVRA_API int32_t     TOVRA_CALL TOVRA_UdpManagerStartDiscover(uint32_t intervalMs, const char* target);
 

@@ -120,7 +120,7 @@ private:
 };
 
 // A manager that reports readers to an application callback from the library's threads.
-// Starts and stops take turns.
+// Starts, and the library's part of stops, take turns under operationLock_.
 template <typename Library>
 class DiscoveryManager : public DeviceLibraryManager<Library> {
 protected:
@@ -132,22 +132,40 @@ protected:
         TOVRA_LOG_TRACE(this->logger(), this->category(), "Set event callback: parent=0x", logging::pointer(context),
                         " cbEvent=0x", logging::pointer(reinterpret_cast<const void*>(callback)));
     }
-    // Once the library calls no handler any more: no delivery runs after it returns.
-    std::int32_t forgetCallback()
+    // A stop: the callback goes off at once, and `unregister` takes the library's handlers
+    // back, unless a start came meanwhile and owns them now. The wait for the deliveries
+    // still running comes between, without operationLock_: a callback that stops or starts
+    // from inside needs that lock. Once the wait is over no delivery runs or begins, so the
+    // library may wait in `unregister` for its handlers on other threads while the lock is
+    // held: none of them reaches the application any more.
+    template <typename Unregister>
+    std::int32_t stopDelivering(Unregister unregister)
     {
-        delivery_.clear();
+        DiscoveryDelivery::SwitchedOff off;
+        {
+            std::lock_guard operation(operationLock_);
+            this->clearError();
+            if (const std::int32_t state = this->libraryState(); state < 0) return this->setError(state);
+            off = delivery_.switchOff();
+        }
+        // Inside a callback that was off already, the stop that switched it off (on another
+        // thread, or earlier on this one) does the rest: waiting for that stop, which waits
+        // for this very callback, would never end.
+        if (off.wasOn || !delivery_.deliveringHere()) {
+            delivery_.awaitEnd(off);
+            std::lock_guard operation(operationLock_);
+            if (!delivery_.setSince(off)) unregister();
+        }
         TOVRA_LOG_TRACE(this->logger(), this->category(), "Set event callback off");
         return err::Ok;
     }
     // The stop of libraries that scan with one registered callback.
     std::int32_t stopScanning()
     {
-        std::lock_guard operation(operationLock_);
-        this->clearError();
-        if (const std::int32_t state = this->libraryState(); state < 0) return this->setError(state);
-        this->library().stopScan()();
-        this->library().registerScanCallback()(nullptr, nullptr);
-        return forgetCallback();
+        return stopDelivering([this] {
+            this->library().stopScan()();
+            this->library().registerScanCallback()(nullptr, nullptr);
+        });
     }
 
     std::mutex operationLock_;

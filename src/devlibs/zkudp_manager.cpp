@@ -24,6 +24,9 @@ std::int32_t ZkudpManager::setEventCallback(void* context, TOVRA_DiscoveryCallba
 
 std::int32_t ZkudpManager::startDiscover(std::uint32_t intervalMs, const char* target)
 {
+    // Inside the callback discovery runs by definition. The lock is not for this thread:
+    // a stop may hold it while it joins this very thread.
+    if (delivery_.deliveringHere()) return setError(err::AlreadyStarted);
     std::lock_guard operation(operationLock_);
     clearError();
     if (const std::int32_t state = loadLibrary(); state < 0) return setError(state);
@@ -41,7 +44,8 @@ std::int32_t ZkudpManager::stopDiscover()
     std::lock_guard operation(operationLock_);
     clearError();
     if (!running_) return setError(err::NotStarted);
-    // Joins the library's thread: no callback comes after this.
+    // Joins the library's thread: no callback comes after this. The lock may be held
+    // meanwhile, since calls from inside the callback never take it.
     const std::int32_t stopped = library().discover()(nullptr, nullptr, 0, nullptr);
     if (stopped < 0) return setError(stopped);
     running_ = false;
@@ -51,9 +55,14 @@ std::int32_t ZkudpManager::stopDiscover()
 
 std::int32_t ZkudpManager::setup(const char* setupText, std::uint8_t flags)
 {
-    std::lock_guard operation(operationLock_);
+    // Inside the callback discovery runs, and the library refuses the set-up at once. The
+    // lock is not for this thread: a stop may hold it while it joins this thread, or a
+    // set-up while it waits for this thread to take the reader's answer.
+    const bool inside = delivery_.deliveringHere();
+    std::unique_lock operation(operationLock_, std::defer_lock);
+    if (!inside) operation.lock();
     clearError();
-    if (!running_) return setError(err::NotStarted);
+    if (!inside && !running_) return setError(err::NotStarted);
     TOVRA_LOG_TRACE(logger(), kTrace, "Setup ", setupText != nullptr ? setupText : "", " flags=", int{flags});
     const std::int32_t result = library().setup()(setupText, flags);
     return result < 0 ? setError(result) : result;

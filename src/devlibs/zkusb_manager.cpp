@@ -93,12 +93,10 @@ std::int32_t ZkusbManager::startDiscover(void* context, TOVRA_DiscoveryCallback 
 
 std::int32_t ZkusbManager::stopDiscover()
 {
-    std::lock_guard operation(operationLock_);
-    clearError();
-    if (const std::int32_t state = libraryState(); state < 0) return setError(state);
-    library().delEventHandler()(0, &plugRecord_);
-    library().delEventHandler()(0, &unplugRecord_);
-    return forgetCallback();
+    return stopDelivering([this] {
+        library().delEventHandler()(0, &plugRecord_);
+        library().delEventHandler()(0, &unplugRecord_);
+    });
 }
 
 const char* ZkusbManager::scanInfo(std::int32_t index) const

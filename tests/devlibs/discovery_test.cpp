@@ -6,6 +6,7 @@
 #include "support/repeat.h"
 #include "support/standin.h"
 #include "support/wait.h"
+#include "support/watchdog.h"
 #include "tovra/tovra.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +21,9 @@
 namespace tovra {
 namespace {
 
+using test::Crossing;
 using test::Heard;
+using test::onCrossing;
 using test::onDiscovery;
 using test::StandIn;
 using test::waitUntil;
@@ -43,6 +46,48 @@ void stopWhileEventsPour(StandIn& stub, const std::string& storm, Start start, S
         stub.control("calm");
         EXPECT_EQ(heard.afterStop, 0) << "round " << round;
     }
+}
+
+// A stop or start from inside the callback at the moment another thread stops or starts.
+// The other thread's stop waits for the callback, which must get through its own call
+// meanwhile; once that stop has returned no callback runs and none begins. A round
+// that deadlocks ends the process through the watchdog.
+template <auto Start, auto Stop>
+void crossCallsWithTheCallback(StandIn& stub, const std::string& storm)
+{
+    using Call = std::int32_t (*)(Crossing&);
+    const Call stopping = [](Crossing&) { return Stop(); };
+    const Call starting = [](Crossing& crossing) { return Start(&crossing, onCrossing); };
+    const int rounds = test::repeat(400);
+    // Each round's own: a late callback must still find what it was started with.
+    std::vector<Crossing> crossings(static_cast<std::size_t>(rounds));
+    test::Watchdog watchdog("a call from inside the discovery callback crossing another thread's");
+    for (int round = 0; round < rounds; ++round) {
+        Crossing& crossing = crossings[static_cast<std::size_t>(round)];
+        const bool stopInside = round % 2 == 0;
+        const bool stopOther = round % 4 < 2;
+        crossing.inside = stopInside ? stopping : starting;
+        crossing.lag = round % 5 * 25;
+        ASSERT_EQ(Start(&crossing, onCrossing), 0);
+        ASSERT_EQ(stub.control(storm), "ok");
+        ASSERT_TRUE(crossing.meet()) << "round " << round;
+        EXPECT_EQ(stopOther ? Stop() : Start(&crossing, onCrossing), 0) << "round " << round;
+        if (stopInside && stopOther) {
+            crossing.stopped = true;
+            EXPECT_EQ(crossing.running, 0) << "a callback outlived the stop, round " << round;
+        }
+        ASSERT_TRUE(waitUntil([&] { return crossing.insideDone == 1; })) << "round " << round;
+        EXPECT_EQ(crossing.results(), std::vector<std::int32_t>{0}) << "round " << round;
+        if (!crossing.stopped) {
+            // The callback's start, or the other thread's, came last.
+            ASSERT_EQ(Stop(), 0);
+            crossing.stopped = true;
+            EXPECT_EQ(crossing.running, 0) << "a callback outlived the stop, round " << round;
+        }
+        stub.control("calm");
+        watchdog.moved();
+    }
+    for (Crossing& crossing : crossings) EXPECT_EQ(crossing.afterStop, 0);
 }
 
 class UsbDiscovery : public ::testing::Test {
@@ -165,6 +210,43 @@ TEST_F(UsbDiscovery, NothingArrivesAfterAStopReturns)
     EXPECT_EQ(heard.count, 1);
 }
 
+TEST_F(UsbDiscovery, CallsFromInsideTheCallbackCrossAnotherThreadsStopOrStart)
+{
+    crossCallsWithTheCallback<TOVRA_UsbManagerStartDiscover, TOVRA_UsbManagerStopDiscover>(stub, "storm 1 R");
+}
+
+// A reader found by the start is reported on the start's thread while the library's thread
+// reports a plug: both callbacks stop at once, or start again and then stop. Neither may
+// wait for the other for ever; one of them does the stop's work.
+TEST_F(UsbDiscovery, TwoCallbacksOnTwoThreadsStopAtOnce)
+{
+    using Call = std::int32_t (*)(Crossing&);
+    const Call stopping = [](Crossing&) { return TOVRA_UsbManagerStopDiscover(); };
+    const Call restarting = [](Crossing& crossing) {
+        const std::int32_t found = TOVRA_UsbManagerStartDiscover(&crossing, onCrossing);
+        return found < 0 ? found : TOVRA_UsbManagerStopDiscover();
+    };
+    stub.control("device 00000007 Found");
+    const int rounds = test::repeat(400);
+    std::vector<Crossing> crossings(static_cast<std::size_t>(rounds));
+    test::Watchdog watchdog("two stops from inside two callbacks");
+    for (int round = 0; round < rounds; ++round) {
+        Crossing& crossing = crossings[static_cast<std::size_t>(round)];
+        crossing.callbacks = 2;
+        crossing.inside = round % 2 == 0 ? stopping : restarting;
+        crossing.lag = round % 5 * 25;
+        // The storm begins once the start has added its handlers, before it reports.
+        ASSERT_EQ(stub.control("storm 2 Plugged"), "ok");
+        ASSERT_EQ(TOVRA_UsbManagerStartDiscover(&crossing, onCrossing), 1) << "round " << round;
+        ASSERT_TRUE(waitUntil([&] { return crossing.insideDone == 2; })) << "round " << round;
+        crossing.stopped = true;
+        EXPECT_EQ(crossing.results(), (std::vector<std::int32_t>{0, 0})) << "round " << round;
+        stub.control("calm");
+        watchdog.moved();
+    }
+    for (Crossing& crossing : crossings) EXPECT_EQ(crossing.afterStop, 0);
+}
+
 TEST(UsbDiscoveryOld, TheMismatchIsExplainedByTheLibrary)
 {
     StandIn stub("zkusb", "zkusb");
@@ -275,6 +357,11 @@ TEST_F(BleDiscovery, NothingArrivesAfterAStopReturns)
     stub.control("event 1 1 1 A");
     ASSERT_TRUE(waitUntil([&] { return heard.stopResult != 1; }));
     EXPECT_EQ(heard.stopResult, 0);
+}
+
+TEST_F(BleDiscovery, CallsFromInsideTheCallbackCrossAnotherThreadsStopOrStart)
+{
+    crossCallsWithTheCallback<TOVRA_BleManagerStartDiscover, TOVRA_BleManagerStopDiscover>(stub, "storm 1 1 AA");
 }
 
 TEST(MissingDiscoveryLibraries, StopBeforeStartAndStartWithoutALibrary)

@@ -7,6 +7,7 @@
 #include "support/discovery_events.h"
 #include "support/repeat.h"
 #include "support/wait.h"
+#include "support/watchdog.h"
 #include "tovra/tovra.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +20,9 @@ namespace {
 using readersim::ReaderSim;
 using readersim::SimulatedReader;
 using readersim::UdpResponder;
+using test::Crossing;
 using test::Heard;
+using test::onCrossing;
 using test::onDiscovery;
 using test::waitUntil;
 
@@ -155,6 +158,52 @@ TEST_F(UdpDiscovery, NothingArrivesAfterAStopReturns)
     ASSERT_TRUE(waitUntil([&] { return inside.stopResult != 1; }));
     EXPECT_EQ(inside.stopResult, -5032);
     EXPECT_EQ(TOVRA_UdpManagerStopDiscover(), 0);
+}
+
+// A start, set-up or stop from inside the callback at the moment another thread stops,
+// which waits for the discovery thread, or sets a reader up, which waits for the discovery
+// thread to take the reader's answer. The callback's calls are answered at once, as they
+// are without the other thread; a round that deadlocks ends the process through the watchdog.
+TEST_F(UdpDiscovery, CallsFromInsideTheCallbackCrossAnotherThreadsStopOrSetUp)
+{
+    using Call = std::int32_t (*)(Crossing&);
+    struct Inside {
+        Call call;
+        std::int32_t result;
+    };
+    const Inside insides[] = {
+        {[](Crossing&) { return TOVRA_UdpManagerStartDiscover(5, nullptr); }, -5032},
+        {[](Crossing&) { return TOVRA_UdpManagerSetup(setupText(kFirst, ":Port=10001").c_str(), 0); }, -1605},
+        {[](Crossing&) { return TOVRA_UdpManagerStopDiscover(); }, -5032},
+    };
+    responder.setReader(simulated(kFirst, 10001));
+    const int rounds = test::repeat(240);
+    std::vector<Crossing> crossings(static_cast<std::size_t>(rounds));
+    test::Watchdog watchdog("a call from inside the UDP discovery callback crossing another thread's");
+    for (int round = 0; round < rounds; ++round) {
+        Crossing& crossing = crossings[static_cast<std::size_t>(round)];
+        const Inside& inside = insides[round % 3];
+        const bool stopOther = round % 6 < 3;
+        crossing.inside = inside.call;
+        crossing.lag = round % 5 * 25;
+        ASSERT_EQ(TOVRA_UdpManagerSetEventCallback(&crossing, onCrossing), 0);
+        ASSERT_EQ(TOVRA_UdpManagerStartDiscover(5, target.c_str()), 0) << TOVRA_GetLastErrorText(-4);
+        ASSERT_TRUE(crossing.meet()) << "round " << round;
+        if (stopOther) {
+            ASSERT_EQ(TOVRA_UdpManagerStopDiscover(), 0) << "round " << round;
+        } else {
+            // The reader's answer comes in on the thread that runs the callback.
+            EXPECT_EQ(TOVRA_UdpManagerSetup(setupText(kFirst, ":Port=10001").c_str(), 0), 0) << "round " << round;
+            ASSERT_TRUE(waitUntil([&] { return crossing.insideDone == 1; })) << "round " << round;
+            ASSERT_EQ(TOVRA_UdpManagerStopDiscover(), 0) << "round " << round;
+        }
+        crossing.stopped = true;
+        EXPECT_EQ(crossing.running, 0) << "a callback outlived the stop, round " << round;
+        EXPECT_EQ(crossing.results(), std::vector<std::int32_t>{inside.result}) << "round " << round;
+        watchdog.moved();
+    }
+    ASSERT_EQ(TOVRA_UdpManagerSetEventCallback(nullptr, nullptr), 0);
+    for (Crossing& crossing : crossings) EXPECT_EQ(crossing.afterStop, 0);
 }
 
 TEST(MissingUdpLibrary, StopAndSetUpBeforeAStartAndAStartWithoutTheLibrary)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/wait.h"
 #include "tovra/tovra.h"
 
 #include <atomic>
@@ -51,6 +52,57 @@ inline void TOVRA_CALL onDiscovery(void* context, std::int32_t event, const char
     }
     ++heard.count;
     if (auto stop = std::exchange(heard.stopInside, nullptr)) heard.stopResult = stop();
+}
+
+// A discovery callback whose first `callbacks` calls meet `parties` in all (those calls and
+// other threads arriving through meet()) and then each call `inside`: a stop, start or
+// set-up from inside the callback at the moment another thread, or another call of the
+// callback, calls too. Counts the calls still running and those begun once `stopped` is set.
+struct Crossing {
+    std::int32_t (*inside)(Crossing&) = nullptr;
+    int callbacks = 1;
+    int parties = 2;
+    // Yields of the callbacks between the meeting and their call. The last to arrive
+    // would otherwise nearly always go first: a test varies it to have either side first.
+    int lag = 0;
+    std::atomic<int> calls{0};
+    std::atomic<int> arrived{0};
+    std::atomic<int> insideDone{0};
+    std::atomic<int> running{0};
+    std::atomic<bool> stopped{false};
+    std::atomic<int> afterStop{0};
+    std::mutex lock;
+    std::vector<std::int32_t> insideResults;
+
+    // False when the others did not come in time.
+    bool meet()
+    {
+        ++arrived;
+        return spinUntil([&] { return arrived >= parties; });
+    }
+    std::vector<std::int32_t> results()
+    {
+        std::lock_guard guard(lock);
+        return insideResults;
+    }
+};
+
+inline void TOVRA_CALL onCrossing(void* context, std::int32_t, const char*)
+{
+    Crossing& crossing = *static_cast<Crossing*>(context);
+    if (crossing.stopped) ++crossing.afterStop;
+    ++crossing.running;
+    if (++crossing.calls <= crossing.callbacks) {
+        const bool met = crossing.meet();
+        for (int i = 0; i < crossing.lag; ++i) std::this_thread::yield();
+        const std::int32_t result = met ? crossing.inside(crossing) : 1;
+        {
+            std::lock_guard guard(crossing.lock);
+            crossing.insideResults.push_back(result);
+        }
+        ++crossing.insideDone;
+    }
+    --crossing.running;
 }
 
 } // namespace tovra::test

@@ -17,4 +17,16 @@ bool waitUntil(Condition condition, std::chrono::milliseconds limit = std::chron
     return true;
 }
 
+// The same without sleeping between looks, for threads that are to meet at once.
+template <typename Condition>
+bool spinUntil(Condition condition, std::chrono::milliseconds limit = std::chrono::milliseconds(10000))
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
 } // namespace tovra::test
