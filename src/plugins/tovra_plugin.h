@@ -48,8 +48,10 @@ public:
     virtual bool canWaitReadable() const { return false; }
     // kReadable, kNotReadable when woken by wakeWatch(), an abort or a pause, or kNoReadiness.
     virtual int watchReadable() { return kNoReadiness; }
-    // Data no longer ends watchReadable() until resumeWatch(); a pause may wake it instead.
-    virtual void pauseWatch() {}
+    // Where the watch can be used now (as canWaitReadable()), data no longer ends
+    // watchReadable() until resumeWatch(), and true; a pause may wake it instead.
+    virtual bool pauseWatch() { return false; }
+    // Input already buffered wakes the watch at once: no data to come would report it.
     virtual void resumeWatch() {}
     virtual void wakeWatch() {}
     // Input already taken from the port and not yet received: a receive needs no wait for

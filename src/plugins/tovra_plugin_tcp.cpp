@@ -281,16 +281,20 @@ int TovraPluginTcp::watchReadable()
     return (ready & platform::kWaitReadable) != 0 ? kReadable : kNotReadable;
 }
 
-void TovraPluginTcp::pauseWatch()
+bool TovraPluginTcp::pauseWatch()
 {
     std::lock_guard guard(closeLock_);
+    if (!endpoint_.valid() || !quiet()) return false;
     if (watch_.isOpen()) watch_.pause();
+    return true;
 }
 
 void TovraPluginTcp::resumeWatch()
 {
     std::lock_guard guard(closeLock_);
-    if (watch_.isOpen()) watch_.resume();
+    if (!watch_.isOpen()) return;
+    watch_.resume();
+    if (stashed_ > 0) watch_.wake();
 }
 
 void TovraPluginTcp::wakeWatch()

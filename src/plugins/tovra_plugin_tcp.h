@@ -50,7 +50,7 @@ public:
     std::int32_t pliPutParam(std::int32_t portHandle, const char* key, const char* value) override;
     bool canWaitReadable() const override;
     int watchReadable() override;
-    void pauseWatch() override;
+    bool pauseWatch() override;
     void resumeWatch() override;
     void wakeWatch() override;
     std::int32_t receiveWithin(std::int32_t portHandle, std::uint8_t* buffer, std::size_t bufferSize,

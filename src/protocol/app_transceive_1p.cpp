@@ -43,7 +43,7 @@ std::int32_t TovraAppTransceive1P::transceive(const std::uint8_t* payload, std::
 
 std::int32_t TovraAppTransceive1P::exchangeOnOwnTurn(std::uint8_t* response, std::uint64_t* responseLength)
 {
-    const std::int32_t sent = record_.transmit().transmitProtocol(*request_);
+    const std::int32_t sent = record_.transmit().transmitProtocol(*request_, receiver_->turnPlugin());
     if (sent < 0) {
         receiver_->endCallersTurn();
         return sent;
@@ -52,11 +52,8 @@ std::int32_t TovraAppTransceive1P::exchangeOnOwnTurn(std::uint8_t* response, std
     TOVRA_LOG_TRACE(record_.logger(), logcat::Reader, "Tout=", remaining);
     const std::int64_t deadline = platform::monotonicMicros() + remaining;
     std::int32_t result = err::ReceiveTimeout;
+    // Nothing is delivered before the first read: only this thread reads now.
     for (;;) {
-        {
-            std::lock_guard guard(lock_);
-            if (takeResponse(response, responseLength, result)) break;
-        }
         const std::int64_t left = deadline - platform::monotonicMicros();
         if (left < 1) break;
         // A stop is seen within one receive period, as the receiver would see it.
@@ -66,6 +63,8 @@ std::int32_t TovraAppTransceive1P::exchangeOnOwnTurn(std::uint8_t* response, std
             std::unique_lock lock(lock_);
             return awaitResponse(lock, deadline - platform::monotonicMicros(), response, responseLength);
         }
+        std::lock_guard guard(lock_);
+        if (takeResponse(response, responseLength, result)) break;
     }
     receiver_->endCallersTurn();
     return result;
@@ -94,8 +93,10 @@ std::int32_t TovraAppTransceive1P::awaitResponse(std::unique_lock<std::mutex>& l
         TOVRA_LOG_TRACE(logger, logcat::Reader, "Tout=", remaining);
         if (remaining < 1) return err::ReceiveTimeout;
         const std::int64_t start = platform::monotonicMicros();
+        awaiting_ = true;
         const bool woken = responseArrived_.wait_for(lock, std::chrono::microseconds(remaining),
                                                      [this] { return pendingResponse_ != nullptr || receiverEnded_.load(); });
+        awaiting_ = false;
         if (!woken) return err::ReceiveTimeout;
         if (receiverEnded_.load()) return err::Terminated;
         remaining -= platform::monotonicMicros() - start;
@@ -106,11 +107,13 @@ std::int32_t TovraAppTransceive1P::awaitResponse(std::unique_lock<std::mutex>& l
 
 bool TovraAppTransceive1P::deliverResponse(ProtocolFrame& frame)
 {
+    bool awaited = false;
     {
         std::lock_guard guard(lock_);
         pendingResponse_ = &frame;
+        awaited = awaiting_;
     }
-    responseArrived_.notify_all();
+    if (awaited) responseArrived_.notify_all();
     return true;
 }
 

@@ -53,6 +53,7 @@ private:
     std::mutex exchangeLock_;
     std::mutex lock_;
     std::condition_variable responseArrived_;
+    bool awaiting_ = false; // a caller waits on responseArrived_; under lock_
 };
 
 } // namespace tovra

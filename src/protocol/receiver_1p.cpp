@@ -253,7 +253,7 @@ TovraReceiver1P::Awaited TovraReceiver1P::awaitData()
     const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
     {
         std::unique_lock lock(turnLock_);
-        turnChanged_.wait(lock, [this] { return turn_ != Turn::Caller || thread_.stopRequested(); });
+        awaitTurn(lock, [this] { return turn_ != Turn::Caller || thread_.stopRequested(); });
         if (thread_.stopRequested()) return Awaited::Again;
         if (takeOverFromCaller(lock)) return readerLeft_ ? Awaited::ReaderLeft : Awaited::Again;
         // With every buffer in use the loop goes on as it always does, data or not. Input
@@ -284,10 +284,18 @@ bool TovraReceiver1P::takeOverFromCaller(std::unique_lock<std::mutex>& lock)
     return true;
 }
 
+template <typename Done>
+void TovraReceiver1P::awaitTurn(std::unique_lock<std::mutex>& lock, Done done)
+{
+    ++turnWaiters_;
+    turnChanged_.wait(lock, done);
+    --turnWaiters_;
+}
+
 void TovraReceiver1P::endTurns()
 {
     std::unique_lock lock(turnLock_);
-    turnChanged_.wait(lock, [this] { return turn_ != Turn::Caller; });
+    awaitTurn(lock, [this] { return turn_ != Turn::Caller; });
     turn_ = Turn::Ended;
     if (ProtocolFrame* request = std::exchange(handedBack_, nullptr)) release(*request);
 }
@@ -296,39 +304,39 @@ bool TovraReceiver1P::beginCallersTurn()
 {
     // The reader's own threads wait for nothing that this connection's threads do.
     if (WorkerThread::currentOwner() == record_.reader()) return false;
-    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    if (!plugin) return false;
     std::lock_guard guard(turnLock_);
-    if (turn_ != Turn::Watching || handedBack_ != nullptr || readerLeft_ || !plugin || !plugin->canWaitReadable())
-        return false;
+    if (turn_ != Turn::Watching || handedBack_ != nullptr || readerLeft_ || !plugin->pauseWatch()) return false;
     turn_ = Turn::Caller;
-    plugin->pauseWatch();
+    turnPlugin_ = std::move(plugin);
     return true;
 }
 
 void TovraReceiver1P::endCallersTurn()
 {
-    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    std::shared_ptr<TovraPlugin> plugin; // let go of outside the lock
+    bool waited = false;
     {
         std::lock_guard guard(turnLock_);
         if (turn_ != Turn::Caller) return;
         turn_ = Turn::Watching;
-        if (plugin) plugin->resumeWatch();
-        // The receiver sleeps on the port: what the caller read ahead would wait there for
-        // the next byte to come.
-        if (plugin && plugin->hasBufferedInput()) plugin->wakeWatch();
+        plugin = std::move(turnPlugin_);
+        plugin->resumeWatch();
+        waited = turnWaiters_ > 0;
     }
-    turnChanged_.notify_all();
+    if (waited) turnChanged_.notify_all();
 }
 
 TovraReceiver1P::CallersRead TovraReceiver1P::readOnCallersTurn(int timeoutMs)
 {
-    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
+    TovraPlugin& plugin = *turnPlugin_;
     // Logging that shows the polls, switched on meanwhile, leaves them to the receiver.
-    if (!plugin || thread_.stopRequested() || !plugin->canWaitReadable()) return CallersRead::GiveBack;
+    if (thread_.stopRequested() || !plugin.canWaitReadable()) return CallersRead::GiveBack;
     ProtocolFrame* buffer = unusedBuffer();
     if (buffer == nullptr) return CallersRead::GiveBack;
 
-    const std::int32_t received = record_.receive().receiveProtocolWithin(*buffer, timeoutMs);
+    const std::int32_t received = record_.receive().receiveProtocolWithin(plugin, *buffer, timeoutMs);
     if (received == err::ReceivePending) {
         release(*buffer);
         return CallersRead::Timeout;

@@ -14,6 +14,7 @@ namespace tovra {
 class ConnectionRecord;
 class TovraAppCallback1P;
 class TovraAppTransceive1P;
+class TovraPlugin;
 
 // Reads every frame of a one-port connection and routes it by its direction flags: responses
 // to the waiting transceive, reader requests to the application callback thread. Frames are
@@ -51,6 +52,10 @@ public:
     // threads. True when the caller reads from now on; it ends the turn with endCallersTurn().
     bool beginCallersTurn();
     void endCallersTurn();
+    // The connection's plugin for the whole turn: it stays the record's until the turn
+    // ends, since the connection is closed only after the receiver, which waits for it.
+    // For the caller's thread alone, during its turn.
+    const std::shared_ptr<TovraPlugin>& turnPlugin() const { return turnPlugin_; }
     // Waits up to timeoutMs for a frame, then reads and routes it. GiveBack: the caller ends
     // its turn and leaves the rest to the receiver.
     enum class CallersRead { Read, Timeout, GiveBack };
@@ -68,6 +73,9 @@ private:
     bool takeOverFromCaller(std::unique_lock<std::mutex>& lock);
     // The connection is closed once this thread has ended: a caller reading gives it back first.
     void endTurns();
+    // Waits on turnChanged_ until `done`; a turn that ends wakes only such waiters.
+    template <typename Done>
+    void awaitTurn(std::unique_lock<std::mutex>& lock, Done done);
     ProtocolFrame* unusedBuffer();
     bool anyUnused() const;
     // No buffer will come free by itself: none holds a request that the callback thread
@@ -99,6 +107,8 @@ private:
     Turn turn_ = Turn::Reading;
     ProtocolFrame* handedBack_ = nullptr; // a request the caller read, to deliver
     bool readerLeft_ = false;             // the caller saw the end of the connection
+    int turnWaiters_ = 0;
+    std::shared_ptr<TovraPlugin> turnPlugin_; // the caller's, see turnPlugin()
 };
 
 } // namespace tovra

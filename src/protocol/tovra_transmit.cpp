@@ -10,10 +10,14 @@ namespace tovra {
 
 std::int32_t TovraTransmit::transmitProtocol(const ProtocolFrame& frame)
 {
+    // Held until the send is over, even if the connection is released meanwhile.
+    return transmitProtocol(frame, record_.plugin());
+}
+
+std::int32_t TovraTransmit::transmitProtocol(const ProtocolFrame& frame, const std::shared_ptr<TovraPlugin>& plugin)
+{
     TovraLogger& logger = record_.logger();
     logFrameDump(logger, record_.readerHandle(), record_.name(), frame, DumpDirection::Send);
-    // Held until the send is over, even if the connection is released meanwhile.
-    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
     TOVRA_LOG_TRACE(logger, logcat::Reader, "Lock mutex");
     std::int32_t result = err::NotConnected;
     if (plugin) {
@@ -45,14 +49,12 @@ std::int32_t TovraReceive::receiveProtocol(ProtocolFrame& frame)
     }
 }
 
-std::int32_t TovraReceive::receiveProtocolWithin(ProtocolFrame& frame, int waitMs)
+std::int32_t TovraReceive::receiveProtocolWithin(TovraPlugin& plugin, ProtocolFrame& frame, int waitMs)
 {
-    const std::shared_ptr<TovraPlugin> plugin = record_.plugin();
-    if (!plugin) return err::NotConnected;
     frame.clear();
     const std::int32_t received =
-        plugin->receiveWithin(record_.portHandle(), frame.bytes.data(), ProtocolFrame::maxLength, waitMs);
-    return received == err::ReceivePending ? received : checked(*plugin, frame, received);
+        plugin.receiveWithin(record_.portHandle(), frame.bytes.data(), ProtocolFrame::maxLength, waitMs);
+    return received == err::ReceivePending ? received : checked(plugin, frame, received);
 }
 
 std::int32_t TovraReceive::checked(const TovraPlugin& plugin, ProtocolFrame& frame, std::int32_t received)

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 namespace tovra {
@@ -19,6 +20,8 @@ public:
 
     // The plugin's transmit result, unchanged.
     std::int32_t transmitProtocol(const ProtocolFrame& frame);
+    // The same through a plugin of the record that the caller holds already.
+    std::int32_t transmitProtocol(const ProtocolFrame& frame, const std::shared_ptr<TovraPlugin>& plugin);
     // Held around every plugin transmit; whoever closes or replaces the plugin holds it too.
     std::mutex& lock() { return transmitLock_; }
 
@@ -35,9 +38,9 @@ public:
 
     // 0, -5015 (timeout), -5011 (aborted), -5016 (frame failed the check) or the plugin's error.
     std::int32_t receiveProtocol(ProtocolFrame& frame);
-    // One receive of the plugin, waiting at most waitMs for a frame to start; the plugin's
-    // pending value INT32_MIN when none did.
-    std::int32_t receiveProtocolWithin(ProtocolFrame& frame, int waitMs);
+    // One receive of the record's plugin, which the caller holds, waiting at most waitMs for
+    // a frame to start; the plugin's pending value INT32_MIN when none did.
+    std::int32_t receiveProtocolWithin(TovraPlugin& plugin, ProtocolFrame& frame, int waitMs);
     // Ends a waiting receive; any thread may call it.
     void abort() { abortRequested_.store(true); }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -12,10 +13,14 @@ public:
     bool tryClaim()
     {
         std::lock_guard guard(lock_);
-        if (claim_ != 0) return false;
-        claim_ = -1;
+        if (claim_.load(std::memory_order_relaxed) != 0) return false;
+        claim_.store(-1, std::memory_order_relaxed);
         return true;
     }
+
+    // A look that takes nothing: a claim tried only to see whether there is one would make
+    // a connect on another thread fail meanwhile.
+    bool isClaimed() const { return claim_.load(std::memory_order_acquire) != 0; }
 
     void free()
     {
@@ -30,7 +35,7 @@ public:
         {
             std::lock_guard guard(lock_);
             last();
-            claim_ = 0;
+            claim_.store(0, std::memory_order_release);
         }
         freed_.notify_all();
     }
@@ -38,7 +43,7 @@ public:
 private:
     std::mutex lock_;
     std::condition_variable freed_;
-    int claim_ = 0; // 0 free, -1 claimed
+    std::atomic<int> claim_{0}; // 0 free, -1 claimed; changed under lock_
 };
 
 } // namespace tovra

@@ -213,11 +213,7 @@ std::int32_t TovraReader::connectByHost(const char* connection)
 std::int32_t TovraReader::transceive(const std::uint8_t* request, std::uint64_t requestLength,
                                      std::uint8_t* response, std::uint64_t* responseLength)
 {
-    ConnectionRecord& record = hostRecord();
-    if (record.claim().tryClaim()) {
-        record.claim().free();
-        return fail(err::NotConnected);
-    }
+    if (!hostRecord().claim().isClaimed()) return fail(err::NotConnected);
     TOVRA_LOG_TRACE(logger_, logcat::Reader, channelWords(), " transceive >> ", requestLength, " bytes");
     const std::int32_t result = isOnePort()
                                     ? transceive1P_->transceive(request, requestLength, response, responseLength)
