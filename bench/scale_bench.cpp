@@ -100,38 +100,56 @@ auto libraryTrip(const Handles& handles)
     };
 }
 
-auto rawTrip(const std::vector<int>& sockets)
+const RawExchange& rawExchange()
 {
     static const RawExchange exchange(kRequest);
-    return [&sockets](std::size_t i) { return exchange.roundTrip(sockets[i]); };
+    return exchange;
 }
 
-// Library and plain client take turns run by run, so that a change in the machine's load
-// during the grid falls on both alike; each figure the median of its runs.
-template <typename LibraryTrip, typename RawTrip>
-std::array<std::pair<LoadStats, LoadStats>, kThreadCounts.size()>
-loadGrid(const Plan& plan, std::size_t connections, LibraryTrip libraryTrip, RawTrip rawTrip)
+auto rawTrip(const std::vector<int>& sockets)
 {
-    std::array<std::pair<LoadStats, LoadStats>, kThreadCounts.size()> grid;
+    return [&sockets](std::size_t i) { return rawExchange().roundTrip(sockets[i]); };
+}
+
+auto watchedTrip(const WatchedConnections& connections)
+{
+    return [&connections](std::size_t i) { return connections.roundTrip(rawExchange(), i); };
+}
+
+struct GridRow {
+    LoadStats library, raw, watched;
+};
+
+// Library, plain client and watched plain client take turns run by run, so that a change
+// in the machine's load during the grid falls on all alike; each figure the median of its runs.
+template <typename LibraryTrip, typename RawTrip, typename WatchedTrip>
+std::array<GridRow, kThreadCounts.size()> loadGrid(const Plan& plan, std::size_t connections, LibraryTrip libraryTrip,
+                                                    RawTrip rawTrip, WatchedTrip watchedTrip)
+{
+    std::array<GridRow, kThreadCounts.size()> grid;
     for (std::size_t t = 0; t < kThreadCounts.size(); ++t) {
-        std::vector<LoadStats> library, raw;
+        std::vector<LoadStats> library, raw, watched;
         for (int r = 0; r < plan.runs; ++r) {
             library.push_back(runLoad(connections, kThreadCounts[t], plan.loadSeconds, libraryTrip));
             raw.push_back(runLoad(connections, kThreadCounts[t], plan.loadSeconds, rawTrip));
+            watched.push_back(runLoad(connections, kThreadCounts[t], plan.loadSeconds, watchedTrip));
         }
-        grid[t] = {medianOf(library), medianOf(raw)};
+        grid[t] = {medianOf(library), medianOf(raw), medianOf(watched)};
     }
     return grid;
 }
 
-void addLoad(Report& report, const std::string& section, const std::string& what, const LoadStats& library,
-             const LoadStats& raw)
+void addLoad(Report& report, const std::string& section, const std::string& what, const GridRow& row)
 {
-    report.add(section, what + " round trips", "1/s", library.perSecond, "raw", raw.perSecond);
-    report.add(section, what + " p50", "us", library.p50, "raw", raw.p50);
-    report.add(section, what + " p99", "us", library.p99, "raw", raw.p99);
-    report.add(section, what + " p99.9", "us", library.p999, "raw", raw.p999);
-    report.add(section, what + " CPU per round trip", "us", library.cpuMicros, "raw", raw.cpuMicros);
+    const LoadStats& library = row.library;
+    report.add(section, what + " round trips", "1/s", library.perSecond, "raw", row.raw.perSecond);
+    report.add(section, what + " round trips", "1/s", library.perSecond, "raw+watch", row.watched.perSecond);
+    report.add(section, what + " p50", "us", library.p50, "raw", row.raw.p50);
+    report.add(section, what + " p99", "us", library.p99, "raw", row.raw.p99);
+    report.add(section, what + " p99", "us", library.p99, "raw+watch", row.watched.p99);
+    report.add(section, what + " p99.9", "us", library.p999, "raw", row.raw.p999);
+    report.add(section, what + " CPU per round trip", "us", library.cpuMicros, "raw", row.raw.cpuMicros);
+    report.add(section, what + " CPU per round trip", "us", library.cpuMicros, "raw+watch", row.watched.cpuMicros);
 }
 
 struct Idle {
@@ -174,18 +192,20 @@ void manyReaders(Report& report, const Plan& plan, std::uint16_t port, std::size
         sleepSeconds(1.0); // lets the connects' after-effects settle
         idle = measureIdle(plan.idleSeconds);
     }
-    const auto grid = loadGrid(plan, count, libraryTrip(handles), rawTrip(sockets));
+    const auto grid = [&] {
+        const WatchedConnections watched(sockets);
+        return loadGrid(plan, count, libraryTrip(handles), rawTrip(sockets), watchedTrip(watched));
+    }();
     deleteAll(handles);
     closeAll(sockets);
 
     for (std::size_t t = 0; t < kThreadCounts.size(); ++t)
         addLoad(report, "2 one-port, N readers, T threads",
-                "N=" + std::to_string(count) + " T=" + std::to_string(kThreadCounts[t]), grid[t].first,
-                grid[t].second);
+                "N=" + std::to_string(count) + " T=" + std::to_string(kThreadCounts[t]), grid[t]);
     if (!first) return;
-    const auto& [library, raw] = grid.back();
-    report.add("3 CPU per 100k round trips", "1000 readers, 16 threads", "ms", library.cpuMicros * 100, "raw",
-               raw.cpuMicros * 100);
+    const GridRow& busiest = grid.back();
+    report.add("3 CPU per 100k round trips", "1000 readers, 16 threads", "ms", busiest.library.cpuMicros * 100, "raw",
+               busiest.raw.cpuMicros * 100);
     report.add("4 1000 idle one-port readers", "CPU of one core", "%", idle.cpuPercent, "raw", rawIdle.cpuPercent);
     report.add("4 1000 idle one-port readers", "wake-ups", "1/s", idle.wakeupsPerSecond, "raw",
                rawIdle.wakeupsPerSecond);
@@ -424,7 +444,9 @@ int main(int argc, char** argv)
     const auto millis = [](double seconds) { return std::to_string(static_cast<int>(seconds * 1000)) + " ms"; };
     report.notes = {"cpus: " + std::to_string(sysconf(_SC_NPROCESSORS_ONLN)), "date: " + now(), loadAverage(),
                     "load figures: median of " + std::to_string(plan.runs) + " runs of " + millis(plan.loadSeconds) +
-                        " (one reader: " + millis(plan.singleSeconds) + "); raw = plain blocking-socket client"};
+                        " (one reader: " + millis(plan.singleSeconds) + "); raw = plain blocking-socket client",
+                    "raw+watch = the plain client pausing and resuming an epoll watch of its connection around "
+                    "each exchange, as a one-port reader's receiver is paused for the caller's turn"};
     try {
         PeerProcess server({"serve"});
         const std::uint16_t port = servingPort(server);

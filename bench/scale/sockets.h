@@ -99,6 +99,48 @@ private:
     std::vector<std::uint8_t> wire_;
 };
 
+// The plain client with what a client that also hears frames it did not ask for pays on
+// each exchange: every connection in an epoll set of its own, which stops watching it for
+// the client's own exchange and watches again afterwards.
+class WatchedConnections {
+public:
+    explicit WatchedConnections(const std::vector<int>& sockets) : sockets_(sockets)
+    {
+        for (const int s : sockets) {
+            watches_.push_back(epoll_create1(EPOLL_CLOEXEC));
+            epoll_event event{};
+            event.events = EPOLLIN;
+            if (watches_.back() < 0 || epoll_ctl(watches_.back(), EPOLL_CTL_ADD, s, &event) != 0)
+                throw std::runtime_error("cannot watch a plain connection");
+        }
+    }
+    ~WatchedConnections()
+    {
+        for (const int watch : watches_) close(watch);
+    }
+    WatchedConnections(const WatchedConnections&) = delete;
+    WatchedConnections& operator=(const WatchedConnections&) = delete;
+
+    bool roundTrip(const RawExchange& exchange, std::size_t i) const
+    {
+        watch(i, 0);
+        const bool done = exchange.roundTrip(sockets_[i]);
+        watch(i, EPOLLIN);
+        return done;
+    }
+
+private:
+    void watch(std::size_t i, std::uint32_t events) const
+    {
+        epoll_event event{};
+        event.events = events;
+        epoll_ctl(watches_[i], EPOLL_CTL_MOD, sockets_[i], &event);
+    }
+
+    const std::vector<int>& sockets_;
+    std::vector<int> watches_;
+};
+
 // Accepts one connection on each listener from a single epoll thread, telling `accepted`
 // each listener's index; the monotonic time each was taken, 0 for those still waiting after
 // `timeoutMs`.
