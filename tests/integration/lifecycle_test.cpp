@@ -267,6 +267,30 @@ TEST(HostConnection, ConnectAndDisconnectFromTwoThreadsAtOnce)
     }
 }
 
+TEST(HostConnection, AskingWhetherItIsConnectedNeverRefusesAConnect)
+{
+    ReaderSim sim;
+    ASSERT_TRUE(sim.listen());
+    for (std::int32_t kind : {kOnePort, kTwoPort}) {
+        const std::int32_t reader = TOVRA_Create(kind, tcpText(sim.port()).c_str());
+        std::atomic<bool> done{false};
+        // Mostly on a reader that is not connected: the look finds nobody holding it.
+        std::thread asking([&] {
+            Bytes response;
+            while (!done) transceive(reader, {0x65, 0x04}, response);
+        });
+        int refused = 0;
+        for (int i = 0; i < repeat(1000); ++i) {
+            if (TOVRA_ConnectByHost(reader, nullptr) != 0) ++refused;
+            EXPECT_EQ(TOVRA_DisconnectByHost(reader), 0);
+        }
+        done = true;
+        asking.join();
+        EXPECT_EQ(refused, 0) << "of " << repeat(1000) << " connects";
+        EXPECT_EQ(TOVRA_Delete(reader), 0);
+    }
+}
+
 // --- Application callbacks that end what they run in ---------------------------------
 
 enum class Site { connected, request, disconnected };
