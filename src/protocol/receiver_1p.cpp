@@ -258,8 +258,11 @@ TovraReceiver1P::Awaited TovraReceiver1P::awaitData()
         if (takeOverFromCaller(lock)) return readerLeft_ ? Awaited::ReaderLeft : Awaited::Again;
         // With every buffer in use the loop goes on as it always does, data or not. Input
         // that a caller read ahead is there already: no watch would see it come.
-        if (!plugin || !plugin->canWaitReadable() || !anyUnused() || plugin->hasBufferedInput())
+        // Reading from here on keeps callers from taking a turn at the same bytes.
+        if (!plugin || !plugin->canWaitReadable() || !anyUnused() || plugin->hasBufferedInput()) {
+            turn_ = Turn::Reading;
             return Awaited::Read;
+        }
         turn_ = Turn::Watching;
     }
     const int ready = plugin->watchReadable();

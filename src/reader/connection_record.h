@@ -76,6 +76,7 @@ public:
     const TovraReceive& receive() const { return *receive_; }
     bool hasHelpers() const { return transmit_ != nullptr; }
     ClaimGuard& claim() { return claim_; }
+    const ClaimGuard& claim() const { return claim_; }
     // Serialises starting and ending connections on this channel (connect, accept,
     // disconnect, stop). Taken before any other lock of the record, and never by a thread
     // that serves the channel.

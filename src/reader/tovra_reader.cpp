@@ -195,7 +195,13 @@ std::int32_t TovraReader::connectByHost(const char* connection)
                     connector);
 
     const std::shared_ptr<TovraPlugin> plugin = record.plugin();
-    const std::int32_t port = plugin ? plugin->pliConnect(connector.c_str()) : err::CannotLoadPlugin;
+    std::int32_t port = err::CannotLoadPlugin;
+    if (plugin) {
+        // A transceive that found the previous connection up may send on this plugin as soon
+        // as the record holds it: it waits for the connect to be over.
+        std::lock_guard sending(record.transmit().lock());
+        port = plugin->pliConnect(connector.c_str());
+    }
     if (port < 0) {
         lastError_.store(port);
         TOVRA_LOG_ERROR(logger_, kReaderErrors, lastErrorText());
@@ -213,7 +219,10 @@ std::int32_t TovraReader::connectByHost(const char* connection)
 std::int32_t TovraReader::transceive(const std::uint8_t* request, std::uint64_t requestLength,
                                      std::uint8_t* response, std::uint64_t* responseLength)
 {
-    if (!hostRecord().claim().isClaimed()) return fail(err::NotConnected);
+    // Connected means claimed with a port: a connect still under way has made the
+    // connection's plugin, which nobody else may use before the connect is over.
+    const ConnectionRecord& record = hostRecord();
+    if (!record.claim().isClaimed() || record.portHandle() < 0) return fail(err::NotConnected);
     TOVRA_LOG_TRACE(logger_, logcat::Reader, channelWords(), " transceive >> ", requestLength, " bytes");
     const std::int32_t result = isOnePort()
                                     ? transceive1P_->transceive(request, requestLength, response, responseLength)
