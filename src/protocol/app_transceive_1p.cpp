@@ -117,6 +117,14 @@ bool TovraAppTransceive1P::deliverResponse(ProtocolFrame& frame)
     return true;
 }
 
+void TovraAppTransceive1P::beginConnection()
+{
+    std::lock_guard exchange(exchangeLock_);
+    std::lock_guard guard(lock_);
+    pendingResponse_ = nullptr;
+    receiverEnded_.store(false);
+}
+
 void TovraAppTransceive1P::receiverEnded()
 {
     receiverEnded_.store(true);

@@ -28,7 +28,10 @@ public:
     // Called by the receiver thread.
     bool deliverResponse(ProtocolFrame& frame);
     void receiverEnded();
-    void resetReceiverEnded() { receiverEnded_.store(false); }
+    // Before a new connection's receiver starts. Exchanges begun on the last connection,
+    // whose receiver has ended, are over first: none takes a buffer of the new receiver's
+    // or waits on into the new connection.
+    void beginConnection();
 
     std::uint32_t responseTimeout() const { return responseTimeout_.load(); }
     void setResponseTimeout(std::uint32_t milliseconds) { responseTimeout_.store(milliseconds); }

@@ -209,7 +209,7 @@ std::int32_t TovraReader::connectByHost(const char* connection)
         record.claim().free();
         return port;
     }
-    if (isOnePort()) transceive1P_->resetReceiverEnded();
+    if (isOnePort()) transceive1P_->beginConnection();
     record.setPortHandle(port);
     setReceiveTimeout(kConnectTimeoutMs);
     if (isOnePort() && !startChannel(record, false)) return fail(err::CannotCreateReader);
@@ -446,7 +446,11 @@ std::int32_t TovraReader::connectByReaderAccepted(ConnectionRecord& record)
     TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port accept: " : "2port reader channel accept: ",
                     record.connectionText());
     const std::shared_ptr<TovraPlugin> plugin = record.plugin();
-    const std::int32_t port = plugin ? plugin->pliAccept(record.listener()) : err::CannotLoadPlugin;
+    std::int32_t port = err::CannotLoadPlugin;
+    if (plugin) {
+        std::lock_guard sending(record.transmit().lock()); // as for a connect by the host
+        port = plugin->pliAccept(record.listener());
+    }
     if (port < 0) {
         lastError_.store(port);
         TOVRA_LOG_ERROR(logger_, kReaderErrors, record.errorText(port));
@@ -458,7 +462,7 @@ std::int32_t TovraReader::connectByReaderAccepted(ConnectionRecord& record)
     record.setAccepted(true);
     if (isOnePort()) {
         transceive1P_->setResponseTimeout(kConnectTimeoutMs);
-        transceive1P_->resetReceiverEnded();
+        transceive1P_->beginConnection();
     }
     // Kept even if its threads could not start: the connection has then ended already,
     // and its end has released the listener's gate.
