@@ -78,8 +78,16 @@ std::int32_t ConnectionRecord::disconnectPlugin()
 {
     const std::shared_ptr<TovraPlugin> plugin = this->plugin();
     if (!plugin) return err::Ok;
-    std::lock_guard guard(transmit_ ? transmit_->lock() : spareLock_);
+    std::lock_guard guard(sendingLock());
     return plugin->pliDisconnect(portHandle());
+}
+
+std::int32_t ConnectionRecord::openPlugin(const std::function<std::int32_t(TovraPlugin&)>& open)
+{
+    const std::shared_ptr<TovraPlugin> plugin = this->plugin();
+    if (!plugin) return err::CannotLoadPlugin;
+    std::lock_guard guard(sendingLock());
+    return open(*plugin);
 }
 
 void ConnectionRecord::abortPluginReceive()

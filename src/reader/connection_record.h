@@ -48,6 +48,11 @@ public:
     // Closes the plugin's connection (pliDisconnect) with senders kept out; 0 or the
     // plugin's result. Every receiver on the plugin must have returned.
     std::int32_t disconnectPlugin();
+    // Makes the plugin's connection (`open` calls pliConnect or pliAccept) with senders kept
+    // out: a transceive that saw the previous connection up may reach this plugin as soon
+    // as the record holds it, and must wait until the connection is made. The port handle,
+    // an error, or -5021 without a plugin.
+    std::int32_t openPlugin(const std::function<std::int32_t(TovraPlugin&)>& open);
     // Wakes every wait on the plugin for good, ahead of the host ending the connection.
     void abortPluginReceive();
     // The end of a connection: the plugin is released, then the channel is free again
@@ -137,6 +142,7 @@ private:
     std::atomic<std::int32_t> connectionState_{0};
     // Stands in for the transmit lock on a record without helpers.
     std::mutex spareLock_;
+    std::mutex& sendingLock() { return transmit_ ? transmit_->lock() : spareLock_; }
 
     // Texts that application threads read while others replace them.
     mutable std::mutex textLock_;

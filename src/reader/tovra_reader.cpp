@@ -194,14 +194,8 @@ std::int32_t TovraReader::connectByHost(const char* connection)
     TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port connect: " : "2port app channel connect: ",
                     connector);
 
-    const std::shared_ptr<TovraPlugin> plugin = record.plugin();
-    std::int32_t port = err::CannotLoadPlugin;
-    if (plugin) {
-        // A transceive that found the previous connection up may send on this plugin as soon
-        // as the record holds it: it waits for the connect to be over.
-        std::lock_guard sending(record.transmit().lock());
-        port = plugin->pliConnect(connector.c_str());
-    }
+    const std::int32_t port =
+        record.openPlugin([&](TovraPlugin& plugin) { return plugin.pliConnect(connector.c_str()); });
     if (port < 0) {
         lastError_.store(port);
         TOVRA_LOG_ERROR(logger_, kReaderErrors, lastErrorText());
@@ -445,12 +439,7 @@ std::int32_t TovraReader::connectByReaderAccepted(ConnectionRecord& record)
     }
     TOVRA_LOG_TRACE(logger_, logcat::Reader, isOnePort() ? "1port accept: " : "2port reader channel accept: ",
                     record.connectionText());
-    const std::shared_ptr<TovraPlugin> plugin = record.plugin();
-    std::int32_t port = err::CannotLoadPlugin;
-    if (plugin) {
-        std::lock_guard sending(record.transmit().lock()); // as for a connect by the host
-        port = plugin->pliAccept(record.listener());
-    }
+    const std::int32_t port = record.openPlugin([&](TovraPlugin& plugin) { return plugin.pliAccept(record.listener()); });
     if (port < 0) {
         lastError_.store(port);
         TOVRA_LOG_ERROR(logger_, kReaderErrors, record.errorText(port));
